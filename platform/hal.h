@@ -1,0 +1,39 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The hardware layer of the morva platform, as far as the agent uses it. */
+#ifndef MORVA_PLATFORM_HAL_H
+#define MORVA_PLATFORM_HAL_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* One layer-2 address of the switch chip: 20 bytes, host byte order. */
+struct hal_mac_entry {
+  uint32_t port;       /* interface index, as uif_lookup_by_index takes it */
+  uint32_t type;       /* 2: a learnt address */
+  uint32_t aging_time; /* non-zero while the chip keeps the entry */
+  uint16_t vid;        /* VLAN id */
+  uint8_t mac[6];
+};
+
+/* Attaches the process to the hardware layer; `client` is the platform's number of the daemon. */
+int hal_init(int client);
+
+/* 1: frames of the gateway's ethertype reach the processor; 0: they are stopped. 0, or -1. */
+int hal_qel_enable(int enable);
+
+/*
+ * Reads up to `batch` entries from position `start` into `entries` (the caller's, room for `batch`)
+ * and their number into `*count` (never above `batch`; below it at the end of the table).
+ * `select` picks the kind of table; the three last arguments are 0. Returns 0, or negative.
+ */
+int hal_mac_get(struct hal_mac_entry* entries, uint32_t start, uint32_t batch, uint32_t select,
+                uint32_t* count, uint32_t reserved1, uint32_t reserved2, uint32_t reserved3);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* MORVA_PLATFORM_HAL_H */
