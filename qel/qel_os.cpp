@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The operating system behind qel_os.h, on any POSIX system with Linux interface requests.
+#include "qel/qel_os.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysinfo.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+int qel_os_socket(int domain, int type, int protocol) {
+  return socket(domain, type | SOCK_CLOEXEC, protocol);
+}
+
+int qel_os_setsockopt(int fd, int level, int option, int value) {
+  return setsockopt(fd, level, option, &value, sizeof value);
+}
+
+int qel_os_bind(int fd, const struct sockaddr* address, socklen_t length) {
+  return bind(fd, address, length);
+}
+
+int qel_os_accept(int fd, struct sockaddr* address, socklen_t* length) {
+  return accept4(fd, address, length, SOCK_CLOEXEC | SOCK_NONBLOCK);
+}
+
+ssize_t qel_os_recvfrom(int fd, void* buffer, size_t size, struct sockaddr* address,
+                        socklen_t* length) {
+  return recvfrom(fd, buffer, size, 0, address, length);
+}
+
+ssize_t qel_os_sendto(int fd, const void* data, size_t length, int flags,
+                      const struct sockaddr* address, socklen_t address_length) {
+  return sendto(fd, data, length, flags, address, address_length);
+}
+
+ssize_t qel_os_write(int fd, const void* data, size_t length) { return write(fd, data, length); }
+
+int qel_os_close(int fd) { return close(fd); }
+
+int qel_os_ifreq(int fd, unsigned long request, struct ifreq* interface_request) {
+  return ioctl(fd, request, interface_request);
+}
+
+std::FILE* qel_os_fopen(const char* path, const char* mode) {
+  char with_cloexec[8];
+  const int wanted = std::snprintf(with_cloexec, sizeof with_cloexec, "%se", mode);
+  if (wanted < 0 || static_cast<size_t>(wanted) >= sizeof with_cloexec) {
+    return nullptr;
+  }
+  return std::fopen(path, with_cloexec);
+}
+
+int qel_os_unlink(const char* path) { return unlink(path); }
+
+int64_t qel_os_time() { return static_cast<int64_t>(std::time(nullptr)); }
+
+long qel_os_sysinfo_uptime() {
+  struct sysinfo info = {};
+  return sysinfo(&info) == 0 ? info.uptime : 0;
+}
+
+int qel_os_daemon() { return daemon(0, 0); }
+
+void qel_os_umask(unsigned mask) { umask(static_cast<mode_t>(mask)); }
+
+int qel_os_system(const char* command) { return std::system(command); }
+
+void qel_os_exit(int status) { std::exit(status); }

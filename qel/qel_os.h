@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The agent's one door to the operating system: sockets, interface requests, files, clock and the
+// shell. Each function is the system call of like name and nothing more, so that the modules keep
+// the decisions and unit tests can put a machine of their own behind the same declarations.
+#pragma once
+
+#include <net/if.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+// socket(2), close-on-exec. Returns the descriptor, or -1 with errno set.
+int qel_os_socket(int domain, int type, int protocol);
+
+// setsockopt(2) of an integer option. Returns 0, or -1 with errno set.
+int qel_os_setsockopt(int fd, int level, int option, int value);
+
+// bind(2). Returns 0, or -1 with errno set.
+int qel_os_bind(int fd, const struct sockaddr* address, socklen_t length);
+
+// accept(2), close-on-exec and non-blocking. `address`/`length` as accept(2). Descriptor, or -1.
+int qel_os_accept(int fd, struct sockaddr* address, socklen_t* length);
+
+// recvfrom(2) without flags; `address` may be null (then `length` is too). Bytes received, or -1.
+ssize_t qel_os_recvfrom(int fd, void* buffer, size_t size, struct sockaddr* address,
+                        socklen_t* length);
+
+// sendto(2). Returns the bytes sent, or -1 with errno set.
+ssize_t qel_os_sendto(int fd, const void* data, size_t length, int flags,
+                      const struct sockaddr* address, socklen_t address_length);
+
+// write(2) and close(2).
+ssize_t qel_os_write(int fd, const void* data, size_t length);
+int qel_os_close(int fd);
+
+// ioctl(2) of an interface request (SIOCGIFADDR and its like). Returns 0, or -1 with errno set.
+int qel_os_ifreq(int fd, unsigned long request, struct ifreq* interface_request);
+
+// fopen(3) with close-on-exec, unlink(2).
+std::FILE* qel_os_fopen(const char* path, const char* mode);
+int qel_os_unlink(const char* path);
+
+// time(2): seconds since the epoch.
+int64_t qel_os_time();
+
+// Seconds since boot as sysinfo(2) tells them; 0 when it fails.
+long qel_os_sysinfo_uptime();
+
+// daemon(3) with both arguments 0. Returns 0, or -1 with errno set.
+int qel_os_daemon();
+
+// umask(2).
+void qel_os_umask(unsigned mask);
+
+// system(3). Every shell command of the agent passes here. Returns the wait status, or -1.
+int qel_os_system(const char* command);
+
+// exit(3).
+[[noreturn]] void qel_os_exit(int status);
