@@ -1,0 +1,276 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The other half of the operating system in unit tests: files in memory by absolute path, the
+// console, the shell that runs nothing, failures on demand, and the capture file.
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <map>
+
+#include "qel/qel_os.h"
+#include "tests/fake/fake.h"
+#include "tests/fake/internal.h"
+
+namespace {
+
+constexpr char kConsolePath[] = "/dev/console";
+
+struct Failure {
+  int error;
+  int skip;
+  int times;
+};
+
+struct State {
+  std::map<std::string, std::string> files;
+  std::vector<std::string> console;
+  std::vector<std::string> shell;
+  int shell_status = 0;
+  std::function<int(const std::string&)> shell_hook;
+  std::map<std::string, Failure> failures;
+};
+
+State& state() {
+  static State* const instance = new State;
+  return *instance;
+}
+
+// An open file: a place in a file of the machine, which lives on when the name is removed.
+struct OpenFile {
+  std::string path;
+  std::string bytes;
+  size_t position = 0;
+  bool append = false;
+  bool writable = false;
+};
+
+ssize_t read_file(void* cookie, char* buffer, size_t size) {
+  auto& file = *static_cast<OpenFile*>(cookie);
+  const size_t left = file.bytes.size() - std::min(file.position, file.bytes.size());
+  const size_t count = std::min(size, left);
+  std::memcpy(buffer, file.bytes.data() + file.position, count);
+  file.position += count;
+  return static_cast<ssize_t>(count);
+}
+
+// Written through at once, so that the file is there while it is open.
+ssize_t write_file(void* cookie, const char* data, size_t size) {
+  auto& file = *static_cast<OpenFile*>(cookie);
+  if (!file.writable) {
+    errno = EBADF;
+    return 0;
+  }
+  if (file.append) {
+    file.position = file.bytes.size();
+  }
+  if (file.bytes.size() < file.position + size) {
+    file.bytes.resize(file.position + size);
+  }
+  file.bytes.replace(file.position, size, data, size);
+  file.position += size;
+  if (file.path != kConsolePath) {
+    state().files[file.path] = file.bytes;
+  }
+  return static_cast<ssize_t>(size);
+}
+
+int seek_file(void* cookie, off64_t* offset, int whence) {
+  auto& file = *static_cast<OpenFile*>(cookie);
+  off64_t base = 0;
+  if (whence == SEEK_CUR) {
+    base = static_cast<off64_t>(file.position);
+  } else if (whence == SEEK_END) {
+    base = static_cast<off64_t>(file.bytes.size());
+  }
+  if (base + *offset < 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  file.position = static_cast<size_t>(base + *offset);
+  *offset = static_cast<off64_t>(file.position);
+  return 0;
+}
+
+int close_file(void* cookie) {
+  auto* const file = static_cast<OpenFile*>(cookie);
+  if (file->path == kConsolePath) {
+    state().console.push_back(file->bytes);
+  }
+  delete file;
+  return 0;
+}
+
+void put_number(std::string& out, uint32_t value) {
+  out.append(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+}  // namespace
+
+std::FILE* qel_os_fopen(const char* path, const char* mode) {
+  const bool console = std::strcmp(path, kConsolePath) == 0;
+  if (!console) {
+    fake::internal::record("fopen(%s, %s)", path, mode);
+  }
+  if (fake::internal::os_fails("fopen") || fake::internal::os_fails(std::string("fopen ") + path)) {
+    return nullptr;
+  }
+  const auto found = state().files.find(path);
+  if (mode[0] == 'r' && found == state().files.end()) {
+    errno = ENOENT;
+    return nullptr;
+  }
+  auto* const file = new OpenFile{path, "", 0, mode[0] == 'a', false};
+  file->writable = mode[0] != 'r' || std::strchr(mode, '+') != nullptr;
+  if (mode[0] != 'w' && found != state().files.end()) {
+    file->bytes = found->second;
+  }
+  if (mode[0] != 'r' && !console) {
+    state().files[path] = file->bytes;
+  }
+  return fopencookie(file, mode, {read_file, write_file, seek_file, close_file});
+}
+
+int qel_os_unlink(const char* path) {
+  fake::internal::record("unlink(%s)", path);
+  if (fake::internal::os_fails("unlink")) {
+    return -1;
+  }
+  if (state().files.erase(path) == 0) {
+    errno = ENOENT;
+    return -1;
+  }
+  return 0;
+}
+
+ssize_t qel_os_write(int fd, const void* data, size_t length) {
+  fake::internal::record("write(%d, %.*s)", fd, static_cast<int>(length),
+                         static_cast<const char*>(data));
+  return static_cast<ssize_t>(length);
+}
+
+int qel_os_system(const char* command) {
+  fake::internal::record("system(%s)", command);
+  state().shell.emplace_back(command);
+  if (fake::internal::os_fails("system")) {
+    return -1;
+  }
+  const int status = state().shell_hook ? state().shell_hook(command) : state().shell_status;
+  // As wait(2) encodes an exit.
+  return status < 0 ? -1 : (status & 0xff) << 8;
+}
+
+namespace fake {
+
+const std::vector<std::string>& console() {
+  return state().console;
+}
+
+std::string console_text() {
+  std::string all;
+  for (const std::string& one : state().console) {
+    all += one;
+  }
+  return all;
+}
+
+void fail_os(const std::string& function, int error, int skip, int times) {
+  state().failures[function] = {error, skip, times};
+}
+
+void set_file(const std::string& path, std::string_view bytes) {
+  state().files[path] = bytes;
+}
+
+std::optional<std::string> file(const std::string& path) {
+  const auto found = state().files.find(path);
+  if (found == state().files.end()) {
+    return std::nullopt;
+  }
+  return found->second;
+}
+
+void remove_file(const std::string& path) {
+  state().files.erase(path);
+}
+
+const std::vector<std::string>& shell_commands() {
+  return state().shell;
+}
+void set_shell_status(int status) {
+  state().shell_status = status;
+}
+
+void on_shell(std::function<int(const std::string&)> hook) {
+  state().shell_hook = std::move(hook);
+}
+
+bool write_pcap(const std::string& path) {
+  constexpr uint32_t kMagic = 0xa1b2c3d4;  // in host byte order: readers swap by it
+  constexpr uint32_t kSnapLength = 65535;
+  constexpr uint32_t kLinkEthernet = 1;
+  std::string out;
+  put_number(out, kMagic);
+  const uint16_t version[2] = {2, 4};
+  out.append(reinterpret_cast<const char*>(version), sizeof version);
+  for (uint32_t value : {0U, 0U, kSnapLength, kLinkEthernet}) {
+    put_number(out, value);
+  }
+  for (const Sent& one : sent()) {
+    if (one.family() == AF_PACKET) {
+      const auto size = static_cast<uint32_t>(one.bytes.size());
+      for (uint32_t value : {static_cast<uint32_t>(now()), 0U, size, size}) {
+        put_number(out, value);
+      }
+      out += one.bytes;
+    }
+  }
+  std::FILE* const file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr) {
+    return false;
+  }
+  const bool written = std::fwrite(out.data(), 1, out.size(), file) == out.size();
+  return std::fclose(file) == 0 && written;
+}
+
+namespace internal {
+
+bool os_fails(const std::string& function) {
+  const auto found = state().failures.find(function);
+  if (found == state().failures.end()) {
+    return false;
+  }
+  Failure& failure = found->second;
+  if (failure.skip > 0) {
+    --failure.skip;
+    return false;
+  }
+  if (failure.times <= 0) {
+    return false;
+  }
+  --failure.times;
+  errno = failure.error;
+  return true;
+}
+
+void append_file(const std::string& path, const void* data, size_t length) {
+  state().files[path].append(static_cast<const char*>(data), length);
+}
+
+void reset_os_files() {
+  state() = State{};
+  // user nice system idle iowait irq softirq steal: 700 of 1000 idle.
+  state().files["/proc/stat"] = "cpu  100 0 100 700 100 0 0 0 0 0\ncpu0 1 0 1 7 1 0 0 0 0 0\n";
+  state().files["/proc/meminfo"] =
+      "MemTotal:         131072 kB\nMemFree:           32768 kB\n"
+      "Buffers:             100 kB\nCached:            20000 kB\n";
+}
+
+void clear_os_file_records() {
+  state().console.clear();
+  state().shell.clear();
+}
+
+}  // namespace internal
+}  // namespace fake
