@@ -1,0 +1,29 @@
+# SPDX-License-Identifier: Apache-2.0
+# shellcheck shell=bash
+#
+# What every script starts with: strict mode, the top of the tree, and one way to say things.
+# Sourced, never run.
+set -euo pipefail
+
+top=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd -P)
+readonly top
+
+# Debian's own interpreter: the one that the python3-* packages are installed for.
+readonly python=/usr/bin/python3
+
+export PATH="$PATH:/usr/sbin:/sbin"
+export PYTHONDONTWRITEBYTECODE=1
+
+# A line for the reader of a long run.
+say() { printf '\n== %s\n' "$*"; }
+
+# Ends the script with a reason, exit status 1.
+die() {
+  printf '%s: %s\n' "$(basename "$0")" "$*" >&2
+  exit 1
+}
+
+# Prints the block of comment at the head of the calling script, without the licence line.
+usage() { sed -n '2,/^[^#]/{/^# SPDX/d;s/^# \{0,1\}//p}' "$0" | sed '/^$/{1d;}'; }
+
+jobs() { nproc; }

@@ -1,0 +1,175 @@
+# SPDX-License-Identifier: Apache-2.0
+"""script/lab: the part that stays outside of the lab.
+
+It reads the command line, makes the lab's directory, starts process 1 (keeper.py) in new namespaces,
+hands signals on to it, and tidies up when it has ended.
+"""
+
+import argparse
+import os
+import shutil
+import signal
+import sys
+import tempfile
+
+import keeper
+import namespaces as ns
+
+CHECKOUT = os.path.realpath(os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../.."))
+READY_SECONDS = 15.0
+READY_SECONDS_PER_SWITCH = 0.5  # each switch beyond the first
+
+
+def parse(arguments):
+    parser = argparse.ArgumentParser(
+        prog="script/lab",
+        usage="%(prog)s [options] [-- COMMAND ...]",
+        description="Builds a switch and a gateway out of namespaces and runs COMMAND (an interactive "
+        "shell without one) in the gateway's network namespace. The cable's ends are gw0 (gateway) and "
+        "vlanif1 (switch). COMMAND finds $LAB_DIR (console.log, qel.log, morvad.log, queries.jsonl, "
+        "nvram.conf, ...) and $LAB_SWITCH, a prefix that runs its arguments inside the switch.",
+        epilog="Exit status: COMMAND's; 128 + N when signal N ended it; 125 when the lab did not come up.",
+    )
+    parser.add_argument("--board", metavar="FILE", help="the switch's board file (default: the 28-port board)")
+    parser.add_argument("--preset", choices=("dev", "release"), help="whose programs run (default: dev, else release)")
+    parser.add_argument(
+        "--switches", metavar="N", type=int, default=1, help="N switches on the bridge br; $LAB_SWITCH_K is the K-th"
+    )
+    parser.add_argument("--keep", action="store_true", help="leave $LAB_DIR behind and say where it is")
+    parser.add_argument("command", nargs="*", metavar="COMMAND", help="what runs in the gateway's network namespace")
+    options = parser.parse_args(arguments)
+    if not 1 <= options.switches <= 250:
+        parser.error("--switches takes 1 to 250")
+    return options
+
+
+def complete(options):
+    """Fills in what the command line left open; ends the program where that cannot be done."""
+    options.checkout = CHECKOUT
+    options.build_dir = find_build(options.preset)
+    options.programs = os.path.join(CHECKOUT, "platform/linux/programs")
+    options.board = os.path.realpath(options.board or os.path.join(CHECKOUT, "platform/linux/boards/ge28.json"))
+    if not os.access(options.board, os.R_OK):
+        sys.exit(f"lab: {options.board}: no such board file, or not readable")
+    options.interactive = not options.command
+    if options.interactive:
+        options.command = [os.environ.get("SHELL", "/bin/bash")]
+    options.ready_seconds = READY_SECONDS + READY_SECONDS_PER_SWITCH * (options.switches - 1)
+
+
+def find_build(preset):
+    """The folder whose bin/ holds the programs; QEL_BUILD_DIR wins over everything."""
+    candidates = [os.environ.get("QEL_BUILD_DIR")]
+    if not candidates[0]:
+        candidates = [os.path.join(CHECKOUT, "build", name) for name in ([preset] if preset else ["dev", "release"])]
+    for candidate in candidates:
+        if all(os.access(os.path.join(candidate, "bin", program), os.X_OK) for program in ("qel", "morvad")):
+            return os.path.realpath(candidate)
+    sys.exit(f"lab: no qel and morvad in {' or '.join(candidates)}: run script/build first")
+
+
+def make_directory():
+    """The lab's directory, and whether it is the lab's to remove."""
+    given = os.environ.get("LAB_DIR")
+    if given:
+        os.makedirs(given, exist_ok=True)
+        return os.path.realpath(given), False
+    return os.path.realpath(tempfile.mkdtemp(prefix="qel-lab.")), True
+
+
+def start_keeper(options):
+    """Forks process 1 behind a process that waits for it; returns the waiter's pid and the control pipe."""
+    control_read, control_write = os.pipe()
+    ready_read, ready_write = os.pipe()
+    mapped_read, mapped_write = os.pipe()
+    sys.stdout.flush()
+    waiter = os.fork()
+    if waiter == 0:
+        os.close(control_write)
+        os.close(mapped_write)
+        os._exit(wait_for_keeper(options, control_read, ready_write, mapped_read))
+    for descriptor in (control_read, ready_write, mapped_read):
+        os.close(descriptor)
+    if os.read(ready_read, 1) == b"u":
+        ns.write_id_maps(waiter)
+        os.write(mapped_write, b"m")
+    os.close(ready_read)
+    os.close(mapped_write)
+    return waiter, control_write
+
+
+def wait_for_keeper(options, control, ready, mapped):
+    """In the child: enters the namespaces, forks process 1, and ends with its exit status."""
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda *_: None)  # the terminal's; the outside hands them on
+    try:
+        ns.unshare(
+            ns.CLONE_NEWUSER | ns.CLONE_NEWNS | ns.CLONE_NEWPID | ns.CLONE_NEWNET | ns.CLONE_NEWIPC | ns.CLONE_NEWUTS
+        )
+    except OSError as error:
+        print(f"lab: {error}; this kernel or container does not allow user namespaces", file=sys.stderr)
+        return keeper.EXIT_LAB
+    os.write(ready, b"u")
+    if os.read(mapped, 1) != b"m":
+        return keeper.EXIT_LAB
+    pid = os.fork()
+    if pid == 0:
+        status = keeper.EXIT_LAB
+        try:
+            os.close(ready)
+            os.close(mapped)
+            os.set_inheritable(control, False)
+            status = keeper.Keeper(options, control).run()
+        finally:
+            sys.stdout.flush()
+            sys.stderr.flush()
+            os._exit(status)
+    os.close(control)
+    return exit_status(pid)
+
+
+def in_foreground():
+    """Whether what is typed at the terminal, Ctrl-C included, reaches the command by itself."""
+    try:
+        return os.tcgetpgrp(sys.stdin.fileno()) == os.getpgrp()
+    except OSError:
+        return False
+
+
+def exit_status(pid):
+    _, status = os.waitpid(pid, 0)
+    code = os.waitstatus_to_exitcode(status)
+    return code if code >= 0 else 128 - code
+
+
+def main():
+    options = parse(sys.argv[1:])
+    complete(options)
+    options.dir, ours = make_directory()
+    control = None
+    # Installed before anything starts: a signal must never leave a lab or a directory behind.
+    pending = []
+
+    def hand_on(number, _frame):
+        byte = number | (keeper.FROM_TERMINAL if number == signal.SIGINT and in_foreground() else 0)
+        pending.append(byte)
+        if control is not None:
+            os.write(control, bytes([byte]))
+
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, hand_on)
+    try:
+        waiter, control = start_keeper(options)
+        if pending:
+            os.write(control, bytes([pending[0]]))
+        status = exit_status(waiter)
+    finally:
+        if ours and not options.keep:
+            shutil.rmtree(options.dir, ignore_errors=True)
+        elif options.keep:
+            print(f"lab: left behind: {options.dir}", file=sys.stderr)
+    return status
+
+
+if __name__ == "__main__":
+    sys.exit(main())

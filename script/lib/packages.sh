@@ -1,0 +1,21 @@
+# SPDX-License-Identifier: Apache-2.0
+# shellcheck shell=bash disable=SC2034  # read by script/bootstrap
+#
+# Debian packages by what they are needed for. Sourced by script/bootstrap.
+
+# To configure and build, unit tests included.
+packages_build=(
+  cmake ninja-build g++ ccache
+  libcjson-dev libevent-dev libcli11-dev libfmt-dev nlohmann-json3-dev zlib1g-dev
+  googletest
+)
+
+# To run a lab.
+packages_run=(python3 iproute2 util-linux procps)
+
+# To run every test and check.
+packages_test=(
+  clang clang-format clang-tidy libclang-rt-14-dev
+  python3-pytest python3-jsonschema shellcheck telnet
+  g++-mips-linux-gnu qemu-user dpkg-dev
+)
