@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The hardware layer of platform/hal.h. On a Linux machine the switch chip is morvad's.
+#include "platform/hal.h"
+
+#include <stdio.h>
+
+#include "platform/linux/json.h"
+#include "platform/linux/morva_call.h"
+#include "platform/log.h"
+#include "platform/sys.h"
+
+namespace {
+
+// Entries that one question asks for: their rows always fit into one reply.
+constexpr uint32_t kChunk = 256;
+constexpr uint32_t kVidMax = 4095;
+
+static_assert(sizeof(hal_mac_entry) == 20);
+
+bool read_entry(const cJSON* row, hal_mac_entry* entry) {
+  int64_t port = 0;
+  int64_t type = 0;
+  int64_t aging_time = 0;
+  int64_t vid = 0;
+  const char* mac = json_text(row, "mac");
+  if (!json_int(row, "port", 0, UINT32_MAX, &port) ||
+      !json_int(row, "type", 0, UINT32_MAX, &type) ||
+      !json_int(row, "aging_time", 0, UINT32_MAX, &aging_time) ||
+      !json_int(row, "vid", 0, kVidMax, &vid) || str2mac(mac, entry->mac) != 0) {
+    return false;
+  }
+  entry->port = static_cast<uint32_t>(port);
+  entry->type = static_cast<uint32_t>(type);
+  entry->aging_time = static_cast<uint32_t>(aging_time);
+  entry->vid = static_cast<uint16_t>(vid);
+  return true;
+}
+
+cJSON* number_object(const char* name, double value) {
+  cJSON* object = cJSON_CreateObject();
+  cJSON_AddNumberToObject(object, name, value);
+  return object;
+}
+
+// Reads up to `batch` (at most kChunk) entries; their number, or -1.
+long read_chunk(hal_mac_entry* entries, uint32_t start, uint32_t batch, uint32_t select) {
+  cJSON* data = number_object("start", start);
+  cJSON_AddNumberToObject(data, "batch", batch);
+  cJSON_AddNumberToObject(data, "select", select);
+  const JsonTree answer(morva_ask("hal", "mac_get", data));
+  const cJSON* rows = json_member(answer.get(), "data");
+  if (!cJSON_IsArray(rows)) {
+    return -1;
+  }
+  uint32_t count = 0;
+  for (const cJSON* row = rows->child; row != nullptr; row = row->next) {
+    if (count == batch || !read_entry(row, &entries[count])) {
+      zlog_err("hal: entry %u of the layer-2 table is no good", start + count);
+      return -1;
+    }
+    ++count;
+  }
+  return count;
+}
+
+}  // namespace
+
+// The agent attaches before it waits for the rest of the switch, so it is no failure here that
+// nobody answers yet: nothing on this platform depends on having been told.
+int hal_init(int client) {
+  static char reply[256];
+  char request[96];
+  const int length =
+      snprintf(request, sizeof request,
+               "{\"mdl\":\"hal\",\"cmd\":\"init\",\"data\":{\"client\":%d}}", client);
+  if (length > 0) {
+    morva_call("hal", request, reply, sizeof reply, morva_deadline_ms());
+  }
+  return 0;
+}
+
+int hal_qel_enable(int enable) {
+  return morva_tell("hal", "qel_enable", number_object("enable", enable != 0 ? 1 : 0));
+}
+
+int hal_mac_get(hal_mac_entry* entries, uint32_t start, uint32_t batch, uint32_t select,
+                uint32_t* count, uint32_t /*reserved1*/, uint32_t /*reserved2*/,
+                uint32_t /*reserved3*/) {
+  *count = 0;
+  while (*count < batch) {
+    const uint32_t wanted = batch - *count < kChunk ? batch - *count : kChunk;
+    const long got = read_chunk(entries + *count, start + *count, wanted, select);
+    if (got < 0) {
+      *count = 0;
+      return -1;
+    }
+    *count += static_cast<uint32_t>(got);
+    if (got < wanted) {
+      break;
+    }
+  }
+  return 0;
+}
