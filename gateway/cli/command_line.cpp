@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The command line: shared options, the list of commands, and the exit status.
+#include "gateway/cli/command_line.h"
+
+#include <cstdio>
+
+#include <fmt/format.h>
+
+#include "gateway/cli/context.h"
+#include "gateway/cli/interrupt.h"
+
+namespace qel_gateway::cli {
+
+namespace {
+
+constexpr int kSignalExit = 128;
+
+void add_shared_options(CLI::App& app, Options& options) {
+  app.add_option("-i,--interface", options.interface, "Network interface on the switches' wire")
+      ->envname("QELCTL_INTERFACE")
+      ->type_name("NAME");
+  app.add_option("--udp", options.udp, "Talk UDP to this one host instead of Ethernet")
+      ->type_name("HOST");
+  app.add_option("-s,--switch", options.selector,
+                 "The switch meant: its MAC, its name, or \"all\"; may be left out when there is "
+                 "one")
+      ->envname("QELCTL_SWITCH")
+      ->type_name("WHICH");
+  app.add_option("-t,--timeout", options.timeout, "Seconds to wait for an answer")
+      ->check(CLI::Range(0.05, 3600.0))
+      ->type_name("SECONDS");
+  app.add_option("--color", options.colour, "Colours: auto, always, never")
+      ->check(CLI::IsMember({"auto", "always", "never"}))
+      ->type_name("WHEN");
+  app.add_flag("--json", options.json, "One JSON object a line, a line for each switch");
+  app.add_flag("-y,--yes", options.yes, "Do not ask before something that interrupts service");
+  app.add_flag("-n,--dry-run", options.dry_run, "Show the messages and send none");
+}
+
+void add_commands(CLI::App& app, Choice& choice) {
+  add_discover(app, choice);
+}
+
+int run_action(const Options& options, const Choice& choice) {
+  Context context(options);
+  try {
+    const ExitCode code = choice.action(context);
+    return static_cast<int>(code);
+  } catch (const Interrupted&) {
+    return kSignalExit + interrupt_signal();
+  } catch (const Error& error) {
+    context.note(error.what());
+    return static_cast<int>(error.code());
+  } catch (const std::exception& error) {
+    context.note(fmt::format("unexpected: {}", error.what()));
+    return static_cast<int>(ExitCode::Failed);
+  }
+}
+
+}  // namespace
+
+int run_command_line(int argc, char** argv) {
+  Options options;
+  Choice choice;
+  CLI::App app("Finds, watches and runs the switches on a wire.", "qelctl");
+  app.footer(
+      "Exit status: 0 done, 1 refused or failed, 2 wrong usage, 3 no answer.\n"
+      "Example: qelctl -i eth1 discover");
+  app.set_version_flag("--version", "qelctl " QELCTL_VERSION);
+  app.require_subcommand(1);
+  app.fallthrough();
+  add_shared_options(app, options);
+  add_commands(app, choice);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& success) {
+    return app.exit(success);
+  } catch (const CLI::ParseError& error) {
+    app.exit(error);
+    return static_cast<int>(ExitCode::Usage);
+  }
+  if (!options.udp.empty() && !options.interface.empty() && app.count("--interface") > 0) {
+    fmt::print(stderr, "qelctl: -i and --udp exclude each other\n");
+    return static_cast<int>(ExitCode::Usage);
+  }
+  const int status = run_action(options, choice);
+  if (std::fflush(stdout) != 0) {
+    return static_cast<int>(ExitCode::Failed);
+  }
+  return status;
+}
+
+}  // namespace qel_gateway::cli

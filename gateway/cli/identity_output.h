@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Switches on paper: the table of discovered ones, the JSON of one, and messages that were not
+// sent. Used by discover, show and every dry run.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "gateway/cli/context.h"
+
+namespace qel_gateway::cli {
+
+nlohmann::ordered_json identity_json(const Switch& one);
+
+Table identity_table(const std::vector<Switch>& switches);
+
+// What --dry-run shows instead of sending: the receiver and the text.
+void print_message(const Context& context, const std::string& text, const std::string& receiver);
+
+}  // namespace qel_gateway::cli

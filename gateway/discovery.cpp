@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Probing.
+#include "gateway/discovery.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+namespace qel_gateway {
+
+namespace {
+
+constexpr const char* kSubject = "answer";
+
+// Notes an answer; a second one of the same switch changes nothing.
+void note_answer(const Reply& reply, const Identity& identity, Session& session, Discovery& found) {
+  const auto same = std::ranges::find(found.switches, reply.mac, &Switch::mac);
+  if (same == found.switches.end()) {
+    found.switches.push_back(
+        Switch{reply.mac, session.transport().address_of(reply.mac), reply.from, identity});
+    if (session.transport().address_of(reply.mac) == Peer{}) {
+      found.switches.back().address = reply.from;
+    }
+    return;
+  }
+  if (!(same->source == reply.from)) {
+    auto fault = fmt::format("two switches call themselves {}; the second is left out",
+                             mac_display(reply.mac));
+    if (std::ranges::find(found.faults, fault) == found.faults.end()) {
+      found.faults.push_back(std::move(fault));
+    }
+  }
+}
+
+}  // namespace
+
+std::string probe_text(const MacAddress& gateway, uint32_t tick) {
+  return fmt::format(R"({{"mac":"{}","cmd":"probe","subcmd":"probe","data":{{"ntick":{}}}}})",
+                     mac_text(gateway), tick);
+}
+
+Task<Discovery> discover(Session& session, DiscoveryOptions options) {
+  Discovery found;
+  const uint32_t tick = session.next_tick();
+  Question question;
+  question.to = options.only ? session.transport().address_of(*options.only)
+                             : session.transport().everybody();
+  if (question.to == Peer{}) {
+    question.to = session.transport().everybody();
+  }
+  question.mac = options.only;
+  question.subjects = {kSubject};
+  question.text = probe_text(session.transport().own_mac(), tick);
+  question.patience = options.window;
+  question.sends = options.probes;
+  question.whole_time = true;
+  question.take = [&](const Reply& reply) {
+    const Identity identity = read_identity(reply.data);
+    if (identity.ntick != static_cast<int64_t>(tick)) {
+      return Verdict::Ignore;
+    }
+    if (identity.mac != reply.mac) {
+      throw BadReply("the answer names two MAC addresses");
+    }
+    note_answer(reply, identity, session, found);
+    const bool complete = options.expected > 0 && found.switches.size() >= options.expected;
+    return options.only || complete ? Verdict::Done : Verdict::More;
+  };
+  const Outcome outcome = co_await session.ask(std::move(question));
+  found.interrupted = outcome == Outcome::Interrupted;
+  std::ranges::sort(found.switches, {}, &Switch::mac);
+  co_return found;
+}
+
+void announce(Session& session) {
+  session.transport().send(session.transport().everybody(),
+                           probe_text(session.transport().own_mac(), session.next_tick()), {},
+                           false);
+}
+
+}  // namespace qel_gateway
