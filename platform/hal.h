@@ -18,7 +18,11 @@ struct hal_mac_entry {
   uint8_t mac[6];
 };
 
-/* Attaches the process to the hardware layer; `client` is the platform's number of the daemon. */
+/*
+ * Attaches the process to the hardware layer; `client` is the platform's number of the daemon.
+ * There is one process for each number: where a live one holds it already, the call logs so and
+ * ends this process with status 1, before it can disturb the other. Returns 0, or -1.
+ */
 int hal_init(int client);
 
 /* 1: frames of the gateway's ethertype reach the processor; 0: they are stopped. 0, or -1. */

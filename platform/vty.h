@@ -86,7 +86,8 @@ int vty_out(struct vty* vty, const char* format, ...) __attribute__((format(prin
 const char* vty_newline(const struct vty* vty);
 
 /*
- * Loads the saved configuration of the daemon and applies it command by command.
+ * Has the saved configuration of the daemon applied, command by command, on the first turn of the
+ * event loop: what the operator saved so has the last word over the defaults of start-up.
  * `protocols` is a bit set of the platform's daemons, `flags` is 0.
  */
 void host_init(unsigned protocols, int flags);

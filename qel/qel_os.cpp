@@ -31,7 +31,7 @@ int qel_os_accept(int fd, struct sockaddr* address, socklen_t* length) {
 
 ssize_t qel_os_recvfrom(int fd, void* buffer, size_t size, struct sockaddr* address,
                         socklen_t* length) {
-  return recvfrom(fd, buffer, size, 0, address, length);
+  return recvfrom(fd, buffer, size, MSG_DONTWAIT, address, length);
 }
 
 ssize_t qel_os_sendto(int fd, const void* data, size_t length, int flags,
@@ -39,9 +39,13 @@ ssize_t qel_os_sendto(int fd, const void* data, size_t length, int flags,
   return sendto(fd, data, length, flags, address, address_length);
 }
 
-ssize_t qel_os_write(int fd, const void* data, size_t length) { return write(fd, data, length); }
+ssize_t qel_os_write(int fd, const void* data, size_t length) {
+  return write(fd, data, length);
+}
 
-int qel_os_close(int fd) { return close(fd); }
+int qel_os_close(int fd) {
+  return close(fd);
+}
 
 int qel_os_ifreq(int fd, unsigned long request, struct ifreq* interface_request) {
   return ioctl(fd, request, interface_request);
@@ -56,19 +60,31 @@ std::FILE* qel_os_fopen(const char* path, const char* mode) {
   return std::fopen(path, with_cloexec);
 }
 
-int qel_os_unlink(const char* path) { return unlink(path); }
+int qel_os_unlink(const char* path) {
+  return unlink(path);
+}
 
-int64_t qel_os_time() { return static_cast<int64_t>(std::time(nullptr)); }
+int64_t qel_os_time() {
+  return static_cast<int64_t>(std::time(nullptr));
+}
 
 long qel_os_sysinfo_uptime() {
   struct sysinfo info = {};
   return sysinfo(&info) == 0 ? info.uptime : 0;
 }
 
-int qel_os_daemon() { return daemon(0, 0); }
+int qel_os_daemon() {
+  return daemon(0, 0);
+}
 
-void qel_os_umask(unsigned mask) { umask(static_cast<mode_t>(mask)); }
+void qel_os_umask(unsigned mask) {
+  umask(static_cast<mode_t>(mask));
+}
 
-int qel_os_system(const char* command) { return std::system(command); }
+int qel_os_system(const char* command) {
+  return std::system(command);
+}
 
-void qel_os_exit(int status) { std::exit(status); }
+void qel_os_exit(int status) {
+  std::exit(status);
+}

@@ -25,7 +25,7 @@ int qel_os_bind(int fd, const struct sockaddr* address, socklen_t length);
 // accept(2), close-on-exec and non-blocking. `address`/`length` as accept(2). Descriptor, or -1.
 int qel_os_accept(int fd, struct sockaddr* address, socklen_t* length);
 
-// recvfrom(2) without flags; `address` may be null (then `length` is too). Bytes received, or -1.
+// recvfrom(2) that does not wait; `address` may be null (then `length` is too). Bytes, or -1.
 ssize_t qel_os_recvfrom(int fd, void* buffer, size_t size, struct sockaddr* address,
                         socklen_t* length);
 

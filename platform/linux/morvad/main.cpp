@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// morvad plays the rest of the switch around the agent: the modules that answer queries, the
+// interface manager, the hardware layer. This file reads the command line, puts the pieces
+// together and runs the loop. Exit status: 0 ended by a signal, 1 could not start, 2 wrong command
+// line, 75 the switch restarts and somebody has to start morvad again.
+#include <event2/event.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "platform/linux/morvad/board.h"
+#include "platform/linux/morvad/host_linux.h"
+#include "platform/linux/morvad/log.h"
+#include "platform/linux/morvad/manager.h"
+#include "platform/linux/morvad/names.h"
+#include "platform/linux/morvad/query_server.h"
+#include "platform/linux/paths.h"
+
+namespace morvad {
+namespace {
+
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+struct BaseDeleter {
+  void operator()(event_base* base) const { event_base_free(base); }
+};
+struct EventDeleter {
+  void operator()(event* watch) const { event_free(watch); }
+};
+using EventPtr = std::unique_ptr<event, EventDeleter>;
+
+/// Creates a folder of ours below folders that exist; an existing one is good.
+void make_folder(const char* place, mode_t mode) {
+  char path[kMorvaPathSize];
+  morva_path(path, sizeof path, place);
+  std::error_code error;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
+  if (mkdir(path, mode) != 0 && errno != EEXIST) {
+    log_line(std::string(path) + ": " + strerror(errno));
+  }
+}
+
+/// The configured address, or the board's, goes to the management interface if that exists.
+void apply_management(Switch& sw, Host& host) {
+  const Management& built = sw.board().management;
+  Settings& settings = sw.settings();
+  Address wanted = {settings.text(built.interface + ".ip", built.ip),
+                    settings.number(built.interface + ".mask", built.mask)};
+  if (!is_host_address(wanted.ip) || wanted.prefix < 0 || wanted.prefix > 32) {
+    wanted = {built.ip, built.mask};
+  }
+  Address now;
+  if (wanted.ip.empty() || (host.address_get(built.interface, now) && now.ip == wanted.ip &&
+                            now.prefix == wanted.prefix)) {
+    return;
+  }
+  const int result = host.address_set(built.interface, wanted);
+  if (result != 0) {
+    log_line(built.interface + ": address " + wanted.ip + " not set: " + strerror(-result));
+  }
+}
+
+void note_bound_ports(Switch& sw) {
+  for (const Port& port : sw.ports()) {
+    if (!port.built.interface.empty()) {
+      log_line(port.built.name + ": interface " + port.built.interface +
+               " is not driven, the port lives in memory");
+    }
+  }
+}
+
+bool bind_modules(QueryServer& server) {
+  bool good = true;
+  for (const Module* module : all_modules()) {
+    const int result = server.bind(*module);
+    const std::string name(module->name);
+    if (result == 0) {
+      log_line("module " + name + " is served by another process, left to it");
+    } else if (result < 0) {
+      log_line("module " + name + " cannot be served: " + strerror(-result));
+      good = false;
+    }
+  }
+  return good;
+}
+
+EventPtr on_signal(event_base* base, int signal, event_callback_fn action, void* argument) {
+  EventPtr watch(evsignal_new(base, signal, action, argument));
+  evsignal_add(watch.get(), nullptr);
+  return watch;
+}
+
+void end_loop(evutil_socket_t, short, void* base) {
+  event_base_loopbreak(static_cast<event_base*>(base));
+}
+
+int run(Board board) {
+  make_folder(MORVA_RUN_DIR, 0750);
+  make_folder("/var/conf", 0755);
+  signal(SIGPIPE, SIG_IGN);
+
+  const std::unique_ptr<event_base, BaseDeleter> base(event_base_new());
+  Settings settings;
+  settings.fill(board.nvram);
+  HostLinux host(base.get());
+  Switch sw(std::move(board), settings, host);
+  note_bound_ports(sw);
+  apply_management(sw, host);
+
+  Context context{sw, host};
+  Manager manager(base.get(), sw);
+  sw.observe([&manager](const Port& port, PortEvent event) { manager.tell(port, event); });
+  QueryServer server(base.get(), context);
+  const EventPtr watches[] = {
+      on_signal(base.get(), SIGTERM, end_loop, base.get()),
+      on_signal(base.get(), SIGINT, end_loop, base.get()),
+      on_signal(
+          base.get(), SIGCHLD,
+          [](evutil_socket_t, short, void* raw) { static_cast<HostLinux*>(raw)->reap(); }, &host),
+  };
+  const int started = manager.start();
+  if (started != 0) {
+    log_line("interface manager: 127.0.0.1:30000: " + std::string(strerror(-started)));
+    return kExitFailed;
+  }
+  if (!bind_modules(server)) {
+    return kExitFailed;
+  }
+  log_line("board " + sw.board().name + ", " + std::to_string(sw.ports().size()) + " ports, ready");
+  event_base_dispatch(base.get());
+  const int status = host.finish();
+  if (status == kExitRestart) {
+    settings.clear_temporary();
+  }
+  return status;
+}
+
+}  // namespace
+}  // namespace morvad
+
+int main(int argc, char** argv) {
+  CLI::App app{"morvad plays the rest of the switch around the qel agent"};
+  std::string file;
+  bool foreground = false;
+  app.add_option("--board", file, "Board file, see docs/platform-linux.md")->required();
+  app.add_flag("--foreground", foreground, "Accepted for symmetry: morvad never detaches");
+  app.footer("Example: morvad --board boards/ge28.json");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : morvad::kExitUsage;
+  }
+  try {
+    return morvad::run(morvad::read_board(file));
+  } catch (const std::exception& error) {
+    morvad::log_line(error.what());
+    return morvad::kExitFailed;
+  }
+}

@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "qel/qel_eth.h"
+
+#include <arpa/inet.h>
+#include <sys/ioctl.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "platform/log.h"
+#include "platform/sys.h"
+#include "protocol/gateway_protocol.h"
+#include "qel/qel_cmd.h"
+#include "qel/qel_console.h"
+#include "qel/qel_main.h"
+#include "qel/qel_netif.h"
+#include "qel/qel_os.h"
+#include "qel/qel_table.h"
+
+namespace proto = qel_protocol;
+
+namespace {
+
+constexpr char kSource[] = "qel/qel_eth";
+constexpr size_t kReceiveSize = 65535;
+constexpr size_t kHexdumpRow = 30;
+
+uint16_t read_be16(const uint8_t* at) {
+  return static_cast<uint16_t>(static_cast<unsigned>(at[0]) << 8 | at[1]);
+}
+
+void register_read(int fd) {
+  funcname_thread_add_read(g_qel_master, qel_eth_read, nullptr, fd, "qel_eth_read", kSource,
+                           __LINE__);
+}
+
+// The management network is the only trust boundary that this protocol has, so a frame counts only
+// when it came in through it. The index is looked up for each frame: the interface may have been
+// made again. Where the look-up itself fails the frame goes on, and the reply fails in sendto.
+bool arrived_on_management(int fd, const struct sockaddr_ll& from) {
+  const int management = qel_netif_index_get(fd, kQelManagementInterface);
+  return management < 0 || management == from.sll_ifindex;
+}
+
+}  // namespace
+
+int qel_eth_open() {
+  const int fd = qel_os_socket(AF_PACKET, SOCK_RAW, htons(proto::kEthertypeToSwitch));
+  if (fd < 0) {
+    std::perror("socket");
+    return 0;
+  }
+  if (qel_os_setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, 1) < 0) {
+    std::perror("setsockopet error\n");
+    qel_os_close(fd);
+    return 0;
+  }
+  g_qel_dev.eth_fd = fd;
+  register_read(fd);
+  return fd;
+}
+
+int qel_eth_read(struct thread* thread) {
+  static uint8_t buffer[kReceiveSize];
+  const int fd = thread->fd;
+  qel_link link = {};
+  link.kind = kQelLinkEth;
+  struct sockaddr_ll from = {};
+  socklen_t from_length = sizeof from;
+  const ssize_t received = qel_os_recvfrom(fd, buffer, sizeof buffer,
+                                           reinterpret_cast<struct sockaddr*>(&from), &from_length);
+  if (received > 0 && arrived_on_management(fd, from)) {
+    link.fd = fd;
+    qel_eth_parse(&link, {buffer, static_cast<size_t>(received)});
+  }
+  register_read(fd);
+  return 0;
+}
+
+int qel_eth_parse(qel_link* link, std::span<const uint8_t> frame) {
+  uint8_t system_mac[proto::kMacSize] = {};
+  sys_mac_get(system_mac);
+  // One byte more than is looked at, so that the text always ends.
+  uint8_t local[proto::kFrameReadSize + 1] = {};
+  std::memcpy(local, frame.data(), std::min(frame.size(), proto::kFrameReadSize));
+  if (read_be16(local + proto::kOffsetEthertype) != proto::kEthertypeToSwitch) {
+    return -1;
+  }
+  const uint8_t* destination = local + proto::kOffsetDestination;
+  if (std::memcmp(destination, system_mac, proto::kMacSize) != 0 &&
+      std::memcmp(destination, proto::kGroupMac, proto::kMacSize) != 0) {
+    return -1;
+  }
+  std::memcpy(link->gw_mac, local + proto::kOffsetSource, proto::kMacSize);
+  qel_eth_link_init(link, link->fd);
+  const char* text = reinterpret_cast<const char*>(local + proto::kOffsetMessage);
+  if (qel_debug(kDebugFrame)) {
+    qel_console("gwmac[%s] data=%s  \r\n", mac2str(link->gw_mac), text);
+  }
+  qel_cmd_dispatch(link, text, read_be16(local + proto::kOffsetLength));
+  return 0;
+}
+
+void qel_eth_link_init(qel_link* link, int fd) {
+  link->fd = fd;
+  link->reserved = 0;
+  link->addr = qel_link_addr{};
+  link->addr.eth = sockaddr_ll{};
+  link->addr.eth.sll_family = AF_PACKET;
+  link->addr.eth.sll_ifindex = qel_netif_index_get(g_qel_dev.eth_fd, kQelManagementInterface);
+  link->addrlen = kQelEthAddrlen;
+  qel_netif_mac_get(kQelManagementInterface, link->own_mac);
+}
+
+void qel_hexdump(const uint8_t* bytes, size_t length) {
+  qel_console("buf :");
+  for (size_t i = 0; i < length; ++i) {
+    qel_console("%02x ", bytes[i]);
+    if (i % kHexdumpRow == 0) {
+      qel_console("\r\n");
+    }
+  }
+  qel_console("\r\n");
+}
+
+void qel_eth_check_mtu() {
+  // The MTU counts what follows the 14 bytes of addresses and ethertype.
+  constexpr int kEthernetHeader = 14;
+  constexpr int kLongest = static_cast<int>(proto::kMessageMax + proto::kOffsetMessage);
+  struct ifreq request = {};
+  std::memcpy(request.ifr_name, kQelManagementInterface, sizeof kQelManagementInterface);
+  if (g_qel_dev.eth_fd <= 0 || qel_os_ifreq(g_qel_dev.eth_fd, SIOCGIFMTU, &request) < 0) {
+    return;
+  }
+  if (request.ifr_mtu < kLongest - kEthernetHeader) {
+    const int fits = request.ifr_mtu + kEthernetHeader - static_cast<int>(proto::kOffsetMessage);
+    zlog_notice("%s has an MTU of %d: messages of up to %d bytes can be sent, the longest has %zu",
+                kQelManagementInterface, request.ifr_mtu, fits > 0 ? fits : 0, proto::kMessageMax);
+  }
+}

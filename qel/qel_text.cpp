@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "qel/qel_text.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+qel_text::qel_text(char* area, size_t size) : area_(area), size_(size) {
+  area_[0] = '\0';
+}
+
+void qel_text::printf(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const size_t at = stored();
+  const int wanted = std::vsnprintf(area_ + at, size_ - at, format, arguments);
+  va_end(arguments);
+  if (wanted > 0) {
+    length_ += static_cast<size_t>(wanted);
+  }
+}
+
+void qel_text::put(std::string_view text) {
+  const size_t at = stored();
+  const size_t room = overflowed() ? 0 : size_ - 1 - at;
+  const size_t taken = text.size() < room ? text.size() : room;
+  if (taken > 0) {
+    std::memcpy(area_ + at, text.data(), taken);
+    area_[at + taken] = '\0';
+  }
+  length_ += text.size();
+}
+
+void qel_text::put(char character) {
+  put(std::string_view(&character, 1));
+}
+
+void qel_text::put_uint(uint64_t number) {
+  char digits[20];
+  size_t first = sizeof digits;
+  do {
+    digits[--first] = static_cast<char>('0' + number % 10);
+    number /= 10;
+  } while (number != 0);
+  put(std::string_view(digits + first, sizeof digits - first));
+}
+
+void qel_text::put_int(int64_t number) {
+  if (number < 0) {
+    put('-');
+    put_uint(0 - static_cast<uint64_t>(number));
+  } else {
+    put_uint(static_cast<uint64_t>(number));
+  }
+}
+
+void qel_text::put_mac(const uint8_t mac[6]) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  char text[12];
+  for (size_t i = 0; i < 6; ++i) {
+    text[2 * i] = kDigits[mac[i] >> 4];
+    text[2 * i + 1] = kDigits[mac[i] & 0x0F];
+  }
+  put(std::string_view(text, sizeof text));
+}

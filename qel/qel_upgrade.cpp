@@ -1,0 +1,117 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "qel/qel_upgrade.h"
+
+#include "platform/firmware.h"
+#include "platform/sys.h"
+#include "qel/qel_console.h"
+#include "qel/qel_os.h"
+
+namespace {
+
+constexpr int kFailTransfer = -2;        // told to the platform
+constexpr int kStateOvertime = -5;       // upgrade state after too long a silence
+constexpr int32_t kOvertimeRequest = 4;  // ticks until a chunk is asked for again
+constexpr int32_t kOvertimeLimit = 61;   // ticks until the download is abandoned
+
+void print_mac(const uint8_t mac[6]) {
+  qel_stdout("%02x:%02x:%02x:%02x:%02x:%02x\n", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+}
+
+void print_peer(const qel_link* link) {
+  if (link->kind == kQelLinkUdp) {
+    qel_stdout("s_addr=0x%x \r\n", link->addr.udp.sin_addr.s_addr);
+  } else if (link->kind == kQelLinkEth || link->kind == kQelLinkEthAlso) {
+    print_mac(link->gw_mac);
+    print_mac(link->own_mac);
+  }
+}
+
+// Would ask the peer for a chunk again; what it should send is not settled, so it sends nothing.
+int request_again(int /*code*/) {
+  return 0;
+}
+
+int fail() {
+  sys_transmit_fw_fail(kFailTransfer);
+  return -1;
+}
+
+}  // namespace
+
+qel_upgrade_state g_qel_upgrade;
+
+int qel_upgrade_init(const qel_link* link, int32_t total) {
+  if (sys_is_upgrading() != 0) {
+    return -1;
+  }
+  qel_os_unlink(kQelFirmwarePath);
+  sys_transmit_fw_begin();
+  g_qel_upgrade = qel_upgrade_state{};
+  g_qel_upgrade.total = total;
+  g_qel_upgrade.peer = *link;
+  if (qel_debug(kDebugFrame)) {
+    qel_console("[%s,%d] totalsize[%d]\r\n", __func__, __LINE__, total);
+  }
+  print_peer(link);
+  return 0;
+}
+
+int qel_upgrade_append(const qel_link* /*link*/, std::span<const uint8_t> bytes, int32_t index) {
+  qel_upgrade_state& state = g_qel_upgrade;
+  // The first index is 0, as is the state's: a repeated chunk 0 is appended again.
+  if (state.last_index != 0 && state.last_index >= index) {
+    return 0;
+  }
+  const auto length = static_cast<int32_t>(bytes.size());
+  if (state.failed != 0 || length > INT32_MAX - state.received) {
+    return fail();
+  }
+  state.last_index = index;
+  if (length > 0) {
+    state.has_data = 1;
+    if (tq_file_append(kQelFirmwarePath, bytes.data(), bytes.size()) != 0) {
+      // An image with a hole must never count as complete.
+      state.failed = 1;
+      return fail();
+    }
+  }
+  state.received += length;
+  if (int64_t{state.index} - 1 == index) {
+    state.overtime_count = 0;
+  }
+  if (state.received == state.total) {
+    return 1;
+  }
+  return state.received <= state.total ? 0 : fail();
+}
+
+void qel_upgrade_overtime_clear() {
+  g_qel_upgrade.overtime_active = 0;
+  g_qel_upgrade.overtime_count = 0;
+  g_qel_upgrade.overtime_total = 0;
+}
+
+void qel_upgrade_reset() {
+  qel_os_unlink(kQelFirmwarePath);
+  g_qel_upgrade = qel_upgrade_state{};
+}
+
+int qel_upgrade_overtime_reqest_timer() {
+  constexpr int kAbandon = 2;
+  qel_upgrade_state& state = g_qel_upgrade;
+  if (state.overtime_active != 0) {
+    ++state.overtime_count;
+    qel_stdout("%s, %d overttimes=%d index=%d \r\n", __func__, __LINE__, state.overtime_count,
+               state.index);
+  }
+  if (state.overtime_count >= kOvertimeRequest) {
+    request_again(0);
+    qel_stdout("%s, %d index=%d \r\n", __func__, __LINE__, state.index);
+  }
+  if (state.overtime_total >= kOvertimeLimit) {
+    sys_upgrade_state_set(kStateOvertime, 0);
+    request_again(kAbandon);
+    qel_upgrade_reset();
+  }
+  return 0;
+}
