@@ -4,8 +4,8 @@
 // session. Nothing here waits. A client that does not read stops being read; a client that sends
 // much gets one command for each turn of the loop; a client that does nothing is timed out.
 //
-// The listeners use the loop's own one-shot registrations. A connection needs what those do not
-// offer, namely to be told when it can write, and to take a registration back, so it holds events.
+// The loop's own registrations cannot be taken back, nor do they tell when a socket can be written,
+// so this file works with the events underneath.
 #include <arpa/inet.h>
 #include <event2/event.h>
 #include <netinet/in.h>
@@ -30,41 +30,38 @@ namespace morva::shell {
 namespace {
 
 constexpr int kBacklog = 16;
-constexpr long kAcceptPauseSeconds = 1;  // when the system has no descriptors left
+constexpr timeval kAcceptPause = {1, 0};  // when the system has no descriptors left
 constexpr timeval kSweepInterval = {1, 0};
 constexpr timeval kNextTurn = {0, 0};
 constexpr char kRefusal[] = "% Too many sessions, try again later\r\n";
 
+// An event that is taken back before its descriptor is closed.
+struct EventDeleter {
+  void operator()(event* entry) const { event_free(entry); }
+};
+using UniqueEvent = std::unique_ptr<event, EventDeleter>;
+
 struct Connection {
   UniqueFd socket;
   std::unique_ptr<vty> session;
-  event* readable = nullptr;
-  event* writable = nullptr;
-  event* resume = nullptr;  // received bytes wait for the next turn
-  uint64_t active = 0;      // when the client was last heard, or told to go
-
-  Connection() = default;
-  Connection(const Connection&) = delete;
-  Connection& operator=(const Connection&) = delete;
-  ~Connection() {
-    for (event* entry : {readable, writable, resume}) {
-      if (entry != nullptr) {
-        event_free(entry);
-      }
-    }
-  }
+  UniqueEvent readable;
+  UniqueEvent writable;
+  UniqueEvent resume;   // received bytes wait for the next turn
+  uint64_t active = 0;  // when the client was last heard, or told to go
 };
 
 struct Listener {
   UniqueFd socket;
   SessionKind kind = SessionKind::kPlain;
+  UniqueEvent connectable;
+  UniqueEvent pause;
 };
 
 struct Server {
   thread_master* master = nullptr;
   std::vector<std::unique_ptr<Listener>> listeners;
   std::vector<std::unique_ptr<Connection>> connections;
-  event* sweep = nullptr;
+  UniqueEvent sweep;
   uint64_t (*clock)() = nullptr;
 };
 
@@ -88,7 +85,7 @@ void finish(Connection& connection) {
   auto& all = server().connections;
   std::erase_if(all, [&](const auto& entry) { return entry.get() == &connection; });
   if (all.empty() && server().sweep != nullptr) {
-    event_del(server().sweep);
+    event_del(server().sweep.get());
   }
 }
 
@@ -134,12 +131,12 @@ void advance(Connection& connection) {
   }
   const bool may_work = !session.closing && session.output.size() < kOutputPause;
   const bool waiting = session_has_input(session);
-  want(connection.writable, !session.output.empty());
-  want(connection.readable, may_work && !waiting);
+  want(connection.writable.get(), !session.output.empty());
+  want(connection.readable.get(), may_work && !waiting);
   if (may_work && waiting) {
-    event_add(connection.resume, &kNextTurn);
+    event_add(connection.resume.get(), &kNextTurn);
   } else {
-    event_del(connection.resume);
+    event_del(connection.resume.get());
   }
 }
 
@@ -178,10 +175,10 @@ void on_sweep(evutil_socket_t /*fd*/, short /*events*/, void* /*opaque*/) {
 void start_sweeping() {
   Server& self = server();
   if (self.sweep == nullptr) {
-    self.sweep = event_new(self.master->base, -1, EV_PERSIST, on_sweep, nullptr);
+    self.sweep.reset(event_new(self.master->base, -1, EV_PERSIST, on_sweep, nullptr));
   }
   if (self.sweep != nullptr) {
-    event_add(self.sweep, &kSweepInterval);
+    event_add(self.sweep.get(), &kSweepInterval);
   }
 }
 
@@ -191,9 +188,11 @@ void open_connection(UniqueFd& socket, SessionKind kind) {
   connection->session = session_open(kind);
   event_base* base = self.master->base;
   Connection* opaque = connection.get();
-  connection->readable = event_new(base, socket.get(), EV_READ | EV_PERSIST, on_readable, opaque);
-  connection->writable = event_new(base, socket.get(), EV_WRITE | EV_PERSIST, on_writable, opaque);
-  connection->resume = event_new(base, -1, 0, on_resume, opaque);
+  connection->readable.reset(
+      event_new(base, socket.get(), EV_READ | EV_PERSIST, on_readable, opaque));
+  connection->writable.reset(
+      event_new(base, socket.get(), EV_WRITE | EV_PERSIST, on_writable, opaque));
+  connection->resume.reset(event_new(base, -1, 0, on_resume, opaque));
   if (connection->session == nullptr || connection->readable == nullptr ||
       connection->writable == nullptr || connection->resume == nullptr) {
     zlog_err("vty: no memory for a session");
@@ -209,36 +208,25 @@ void open_connection(UniqueFd& socket, SessionKind kind) {
 
 // --- listeners
 
-int on_connect(struct thread* thread);
-
-void watch(Listener& listener) {
-  funcname_thread_add_read(server().master, on_connect, &listener, listener.socket.get(),
-                           "vty_accept", "platform/linux/vty_server", __LINE__);
+void after_pause(evutil_socket_t /*fd*/, short /*events*/, void* opaque) {
+  event_add(static_cast<Listener*>(opaque)->connectable.get(), nullptr);
 }
 
-int after_pause(struct thread* thread) {
-  watch(*static_cast<Listener*>(thread->arg));
-  return 0;
-}
-
-int on_connect(struct thread* thread) {
-  Listener& listener = *static_cast<Listener*>(thread->arg);
-  UniqueFd socket(accept4(thread->fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-  if (!socket.valid() &&
-      (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)) {
-    // The client stays in the queue, so the listener would be readable again at once, for ever.
-    zlog_err("vty: accept: %s", strerror(errno));
-    funcname_thread_add_timer(thread->master, after_pause, &listener, kAcceptPauseSeconds,
-                              "vty_accept_pause", "platform/linux/vty_server", __LINE__);
-    return -1;
-  }
-  watch(listener);
+void on_connect(evutil_socket_t fd, short /*events*/, void* opaque) {
+  Listener& listener = *static_cast<Listener*>(opaque);
+  UniqueFd socket(accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (!socket.valid()) {
-    return -1;  // the client went away, or there is none
+    if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
+      // The client stays in the queue, so the listener would be readable again at once, for ever.
+      zlog_err("vty: accept: %s", strerror(errno));
+      event_del(listener.connectable.get());
+      event_add(listener.pause.get(), &kAcceptPause);
+    }
+    return;  // else the client went away, or there is none
   }
   if (server().connections.size() >= kSessionMaximum) {
     send(socket.get(), kRefusal, sizeof(kRefusal) - 1, MSG_NOSIGNAL | MSG_DONTWAIT);
-    return 0;
+    return;
   }
   if (listener.kind == SessionKind::kTelnet) {
     const int on = 1;
@@ -247,14 +235,22 @@ int on_connect(struct thread* thread) {
     setsockopt(socket.get(), SOL_SOCKET, SO_OOBINLINE, &on, sizeof(on));
   }
   open_connection(socket, listener.kind);
-  return 0;
 }
 
 void add_listener(UniqueFd& socket, SessionKind kind) {
+  event_base* base = server().master->base;
   auto listener = std::make_unique<Listener>();
-  listener->socket.reset(socket.release());
+  Listener* opaque = listener.get();
   listener->kind = kind;
-  watch(*listener);
+  listener->connectable.reset(
+      event_new(base, socket.get(), EV_READ | EV_PERSIST, on_connect, opaque));
+  listener->pause.reset(event_new(base, -1, 0, after_pause, opaque));
+  if (listener->connectable == nullptr || listener->pause == nullptr ||
+      event_add(listener->connectable.get(), nullptr) != 0) {
+    zlog_err("vty: no memory for a listener");
+    return;
+  }
+  listener->socket.reset(socket.release());
   server().listeners.push_back(std::move(listener));
 }
 
@@ -372,10 +368,7 @@ void server_stop() {
   Server& self = server();
   self.connections.clear();
   self.listeners.clear();
-  if (self.sweep != nullptr) {
-    event_free(self.sweep);
-    self.sweep = nullptr;
-  }
+  self.sweep.reset();
   self.master = nullptr;
 }
 
