@@ -21,9 +21,21 @@
 namespace {
 
 constexpr int kDefaultDeadlineMs = 2000;
-constexpr int kMaxDeadlineMs = 600000;
+constexpr int kStartWaitMs = 10000;
+constexpr int kMaxWaitMs = 600000;
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int kBacklogPollMs = 5;
+
+// The number in an environment variable, or `fallback` when there is none that will do.
+int milliseconds_from(const char* variable, long low, int fallback) {
+  const char* text = getenv(variable);
+  if (text == nullptr || *text < '0' || *text > '9') {
+    return fallback;
+  }
+  char* end = nullptr;
+  const long value = strtol(text, &end, 10);
+  return *end == '\0' && value >= low && value <= kMaxWaitMs ? static_cast<int>(value) : fallback;
+}
 
 // The one moment at which a query ends, however its bytes trickle in.
 class Deadline {
@@ -189,13 +201,11 @@ int64_t morva_now_ns() {
 }
 
 int morva_deadline_ms() {
-  const char* text = getenv("MORVA_QUERY_DEADLINE_MS");
-  if (text == nullptr || *text < '1' || *text > '9') {
-    return kDefaultDeadlineMs;
-  }
-  char* end = nullptr;
-  const long value = strtol(text, &end, 10);
-  return *end == '\0' && value <= kMaxDeadlineMs ? static_cast<int>(value) : kDefaultDeadlineMs;
+  return milliseconds_from("MORVA_QUERY_DEADLINE_MS", 1, kDefaultDeadlineMs);
+}
+
+int morva_start_wait_ms() {
+  return milliseconds_from("MORVA_START_WAIT_MS", 0, kStartWaitMs);
 }
 
 long morva_call(const char* module, const char* request, char* reply, size_t reply_size,
@@ -227,7 +237,7 @@ cJSON* morva_ask_quietly(const char* module, const char* command, cJSON* data, i
   }
   const long length = morva_call(module, request, reply, sizeof reply, deadline_ms);
   cJSON_free(request);
-  JsonTree answer(length > 0 ? cJSON_Parse(reply) : nullptr);
+  JsonTree answer(length > 0 ? cJSON_ParseWithOpts(reply, nullptr, 1) : nullptr);
   int64_t ret = -1;
   const bool good = json_int(answer.get(), "ret", INT32_MIN, INT32_MAX, &ret) && ret == 0;
   return good ? answer.release() : nullptr;

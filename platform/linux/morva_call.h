@@ -23,6 +23,10 @@ int64_t morva_now_ns();
 // How long a query may take, in milliseconds: 2000, or what MORVA_QUERY_DEADLINE_MS says.
 int morva_deadline_ms();
 
+// How long a starting daemon waits for morvad, in milliseconds: 10000, or what MORVA_START_WAIT_MS
+// says.
+int morva_start_wait_ms();
+
 // Sends `request` to `module` and reads the reply into `reply` (`reply_size` bytes) with a closing
 // NUL, all within `deadline_ms`. With a null `reply` the request is handed over without any
 // waiting. Returns the length of the reply (0 without one), or -1 when the request could not be

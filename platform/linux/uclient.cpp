@@ -95,7 +95,9 @@ int try_connect(const sockaddr_in& address, int wait_ms) {
 
 // Connects and registers. A manager that is about to start gets a moment to do so.
 int open_connection(const sockaddr_in& address, unsigned short listen_port) {
-  const int64_t end = morva_now_ns() + static_cast<int64_t>(kConnectWaitMs) * 1000000;
+  const int patience_ms =
+      morva_start_wait_ms() < kConnectWaitMs ? morva_start_wait_ms() : kConnectWaitMs;
+  const int64_t end = morva_now_ns() + static_cast<int64_t>(patience_ms) * 1000000;
   UniqueFd fd(try_connect(address, kConnectWaitMs));
   while (!fd.valid() && errno == ECONNREFUSED && morva_now_ns() < end) {
     poll(nullptr, 0, kConnectPollMs);
@@ -142,10 +144,12 @@ void forget_connection(client_state* state, int fd) {
   }
 }
 
-// Calls the hook of one complete line. False when the line is no JSON object. Unknown events are
-// left alone: a newer manager may have more of them.
+// Calls the hook of one complete line, which is NUL-terminated. False when the line is no JSON
+// object. Unknown events are left alone: a newer manager may have more of them.
 bool deliver_line(uclient* client, const char* line, size_t length) {
-  const JsonTree tree(cJSON_ParseWithLength(line, length));
+  // A NUL inside would hide what stands behind it.
+  const bool is_text = strlen(line) == length;
+  const JsonTree tree(is_text ? cJSON_ParseWithOpts(line, nullptr, 1) : nullptr);
   if (!cJSON_IsObject(tree.get())) {
     return false;
   }
@@ -172,12 +176,13 @@ bool deliver_line(uclient* client, const char* line, size_t length) {
 bool deliver_lines(uclient* client, connection* entry) {
   size_t start = 0;
   while (start < entry->length) {
-    const char* line = entry->line + start;
-    const void* end = memchr(line, '\n', entry->length - start);
+    char* line = entry->line + start;
+    char* end = static_cast<char*>(memchr(line, '\n', entry->length - start));
     if (end == nullptr) {
       break;
     }
-    const size_t length = static_cast<size_t>(static_cast<const char*>(end) - line);
+    *end = '\0';
+    const size_t length = static_cast<size_t>(end - line);
     if (!deliver_line(client, line, length)) {
       return false;
     }
@@ -185,11 +190,15 @@ bool deliver_lines(uclient* client, connection* entry) {
   }
   entry->length -= start;
   memmove(entry->line, entry->line + start, entry->length);
+  return entry->length <= kLineMax;
+}
+
+// A connection between two lines needs no buffer.
+void drop_empty_line(connection* entry) {
   if (entry->length == 0) {
     free(entry->line);
     entry->line = nullptr;
   }
-  return entry->length <= kLineMax;
 }
 
 // Reads once what is there. False when the connection is to be closed.
@@ -203,7 +212,9 @@ bool read_connection(uclient* client, connection* entry) {
   const ssize_t got =
       recv(entry->fd, entry->line + entry->length, kLineMax + 1 - entry->length, MSG_DONTWAIT);
   if (got < 0) {
-    return errno == EAGAIN || errno == EINTR;
+    const bool later = errno == EAGAIN || errno == EINTR;
+    drop_empty_line(entry);
+    return later;
   }
   if (got == 0) {
     return false;
@@ -213,6 +224,7 @@ bool read_connection(uclient* client, connection* entry) {
     zlog_err("interface manager: a message that cannot be one, connection closed");
     return false;
   }
+  drop_empty_line(entry);
   return true;
 }
 

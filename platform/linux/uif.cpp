@@ -22,7 +22,6 @@ int g_port_max = 0;
 namespace {
 
 constexpr size_t kBuckets = 256;
-constexpr int kStartWaitMs = 10000;
 constexpr int kStartPollMs = 20;
 
 // A record with its places in the chains. Never freed: daemons keep pointers to records.
@@ -114,14 +113,9 @@ node* add_node(const uif& fresh) {
   return entry;
 }
 
-int start_wait_ms() {
-  const char* text = getenv("MORVA_START_WAIT_MS");
-  return text != nullptr ? atoi(text) : kStartWaitMs;
-}
-
 // The interface table, as soon as morvad gives it; null when it does not in time.
 cJSON* wait_for_table() {
-  const int64_t end = morva_now_ns() + static_cast<int64_t>(start_wait_ms()) * 1000000;
+  const int64_t end = morva_now_ns() + static_cast<int64_t>(morva_start_wait_ms()) * 1000000;
   for (;;) {
     cJSON* answer = morva_ask_quietly("ifmgr", "if_table_get", nullptr, morva_deadline_ms());
     if (answer != nullptr || morva_now_ns() >= end) {
@@ -177,6 +171,20 @@ uif* uif_apply_status(const cJSON* message) {
   }
   *record = fresh;
   return record;
+}
+
+void uif_clear() {
+  while (listnode_head(g_uif_list) != nullptr) {
+    void* record = listnode_head(g_uif_list);
+    listnode_delete(g_uif_list, record);
+    free(record);
+  }
+  free(g_uif_list);
+  g_uif_list = nullptr;
+  g_port_max = 0;
+  memset(by_name, 0, sizeof by_name);
+  memset(by_index, 0, sizeof by_index);
+  memset(by_port, 0, sizeof by_port);
 }
 
 void uif_init(void) {

@@ -23,4 +23,7 @@ uif* uif_apply_row(const cJSON* row);
 // good.
 uif* uif_apply_status(const cJSON* message);
 
+// Frees every record and empties the cache, for tests: a daemon keeps pointers to records.
+void uif_clear();
+
 #endif  // MORVA_LINUX_UIF_INTERNAL_H

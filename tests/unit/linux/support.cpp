@@ -65,8 +65,8 @@ FakeModule::~FakeModule() {
 void FakeModule::serve() {
   for (;;) {
     pollfd entries[2] = {{listener_, POLLIN, 0}, {stop_[0], POLLIN, 0}};
-    if (poll(entries, 2, -1) < 0 || entries[1].revents != 0) {
-      return;
+    if (poll(entries, 2, -1) < 0 || entries[0].revents == 0) {
+      return;  // told to stop, and nobody is waiting any more
     }
     const int fd = accept(listener_, nullptr, nullptr);
     if (fd >= 0) {

@@ -1,0 +1,216 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The event loop on the real clock: registrations are spent when they fire, and survive daemon().
+#include "platform/loop.h"
+
+#include <event2/event.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/linux/loop_internal.h"
+#include "platform/linux/morva_call.h"
+#include "tests/unit/linux/support.h"
+
+namespace {
+
+thread_master* new_loop() {
+  static auto* kept = new std::vector<thread_master*>();  // loops are never freed
+  kept->push_back(thread_master_create());
+  return kept->back();
+}
+
+void leave(thread_master* master) {
+  event_base_loopbreak(master->base);
+}
+
+struct Seen {
+  std::vector<thread> calls;
+  size_t leave_after = 1;
+  std::string text;
+};
+
+int record(thread* thread) {
+  Seen* seen = static_cast<Seen*>(thread->arg);
+  seen->calls.push_back(*thread);
+  char byte = 0;
+  if (thread->fd >= 0 && read(thread->fd, &byte, 1) == 1) {
+    seen->text += byte;
+  }
+  if (seen->calls.size() >= seen->leave_after) {
+    leave(thread->master);
+  }
+  return -1;  // means nothing to the loop
+}
+
+class Pipe {
+ public:
+  Pipe() { EXPECT_EQ(0, pipe(ends_)); }
+  ~Pipe() {
+    close(ends_[0]);
+    close_writer();
+  }
+  int reader() const { return ends_[0]; }
+  int writer() const { return ends_[1]; }
+  void close_writer() {
+    if (ends_[1] >= 0) {
+      close(ends_[1]);
+    }
+    ends_[1] = -1;
+  }
+
+ private:
+  int ends_[2] = {-1, -1};
+};
+
+TEST(LoopTest, ReadFiresOnceAndTellsWhat) {
+  thread_master* master = new_loop();
+  Pipe pipe;
+  Seen seen;
+  ASSERT_NE(nullptr, funcname_thread_add_read(master, record, &seen, pipe.reader(), "record",
+                                              "loop_test", 1));
+  ASSERT_EQ(2, write(pipe.writer(), "ab", 2));
+  thread_main(master);
+  ASSERT_EQ(1U, seen.calls.size());
+  EXPECT_EQ(master, seen.calls[0].master);
+  EXPECT_EQ(pipe.reader(), seen.calls[0].fd);
+
+  // "b" is still there, but nobody asked for it again: only the timer fires.
+  Seen late;
+  funcname_thread_add_timer(master, record, &late, 0, "record", "loop_test", 1);
+  thread_main(master);
+  EXPECT_EQ(1U, seen.calls.size());
+  ASSERT_EQ(1U, late.calls.size());
+  EXPECT_EQ(-1, late.calls[0].fd);
+}
+
+TEST(LoopTest, EndOfFileFires) {
+  thread_master* master = new_loop();
+  Pipe pipe;
+  Seen seen;
+  funcname_thread_add_read(master, record, &seen, pipe.reader(), "record", "loop_test", 1);
+  pipe.close_writer();
+  thread_main(master);
+  EXPECT_EQ(1U, seen.calls.size());
+}
+
+int again(thread* thread) {
+  funcname_thread_add_read(thread->master, again, thread->arg, thread->fd, "again", "loop_test", 1);
+  return record(thread);
+}
+
+TEST(LoopTest, ReaderThatRegistersAgainHearsTheRest) {
+  thread_master* master = new_loop();
+  Pipe pipe;
+  Seen seen;
+  seen.leave_after = 3;
+  funcname_thread_add_read(master, again, &seen, pipe.reader(), "again", "loop_test", 1);
+  ASSERT_EQ(3, write(pipe.writer(), "abc", 3));
+  thread_main(master);
+  EXPECT_EQ("abc", seen.text);
+}
+
+TEST(LoopTest, WhatCannotBeRegistered) {
+  thread_master* master = new_loop();
+  Seen seen;
+  EXPECT_EQ(nullptr, funcname_thread_add_read(master, record, &seen, -1, "record", "loop_test", 1));
+  LogCapture log;
+  EXPECT_EQ(nullptr,
+            funcname_thread_add_read(master, record, &seen, 999, "record", "loop_test", 7));
+  EXPECT_NE(std::string::npos, log.text().find("record (loop_test:7) cannot be registered"));
+}
+
+TEST(LoopTest, TimerKeepsItsTime) {
+  thread_master* master = new_loop();
+  Seen seen;
+  seen.leave_after = 2;
+  const int64_t start = morva_now_ns();
+  ASSERT_NE(nullptr, funcname_thread_add_timer(master, record, &seen, 1, "late", "loop_test", 1));
+  ASSERT_NE(nullptr, funcname_thread_add_timer(master, record, &seen, 0, "soon", "loop_test", 1));
+  thread_main(master);
+  const int64_t took_ms = (morva_now_ns() - start) / 1000000;
+  EXPECT_GE(took_ms, 990);
+  EXPECT_LT(took_ms, 3000);
+}
+
+thread_master* signal_loop;
+int signals_seen;
+
+void on_signal() {
+  ++signals_seen;
+  leave(signal_loop);
+}
+
+TEST(LoopTest, SignalsComeFromTheLoopEachTime) {
+  signal_loop = new_loop();
+  const loop_signal table[] = {{SIGTERM, on_signal}, {SIGTSTP, on_signal}};
+  signal_init(signal_loop, 2, table);
+  for (const int signo : {SIGTERM, SIGTSTP, SIGTERM}) {
+    const int before = signals_seen;
+    raise(signo);
+    EXPECT_EQ(before, signals_seen) << "delivered outside of the loop";
+    thread_main(signal_loop);
+    EXPECT_EQ(before + 1, signals_seen);
+  }
+}
+
+int daemon_pipe;
+
+int echo(thread* thread) {
+  char text[8];
+  const ssize_t got = read(thread->fd, text, sizeof text);
+  if (got > 0) {
+    [[maybe_unused]] const ssize_t sent = write(daemon_pipe, text, static_cast<size_t>(got));
+  }
+  funcname_thread_add_read(thread->master, echo, nullptr, thread->fd, "echo", "loop_test", 1);
+  return 0;
+}
+
+void end_daemon() {
+  [[maybe_unused]] const ssize_t sent = write(daemon_pipe, "bye", 3);
+  _exit(0);
+}
+
+// The agent registers its signals and first sockets before it detaches.
+TEST(LoopTest, RegistrationsSurviveDetaching) {
+  int link[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, link));
+  const pid_t child = fork();
+  if (child == 0) {
+    close(link[0]);
+    daemon_pipe = link[1];
+    thread_master* master = thread_master_create();
+    const loop_signal table[] = {{SIGTERM, end_daemon}};
+    signal_init(master, 1, table);
+    funcname_thread_add_read(master, echo, nullptr, link[1], "echo", "loop_test", 1);
+    if (daemon(0, 0) != 0) {
+      _exit(1);
+    }
+    const std::string pid = std::to_string(getpid()) + "\n";
+    [[maybe_unused]] const ssize_t sent = write(link[1], pid.data(), pid.size());
+    thread_main(master);
+    _exit(2);
+  }
+  close(link[1]);
+  waitpid(child, nullptr, 0);
+  std::string pid;
+  for (char byte = 0; read(link[0], &byte, 1) == 1 && byte != '\n';) {
+    pid += byte;
+  }
+  char text[8] = "";
+  ASSERT_EQ(4, write(link[0], "ping", 4));
+  EXPECT_EQ(4, read(link[0], text, sizeof text));
+  EXPECT_STREQ("ping", text);
+  ASSERT_GT(atoi(pid.c_str()), 1);
+  kill(atoi(pid.c_str()), SIGTERM);
+  char last[8] = "";
+  EXPECT_EQ(3, read(link[0], last, sizeof last));
+  EXPECT_STREQ("bye", last);
+  close(link[0]);
+}
+
+}  // namespace
