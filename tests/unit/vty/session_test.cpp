@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Sessions without sockets: nodes, prompts, help, completion, history, faults, telnet bytes.
+#include <cjson/cJSON.h>
+
 #include <random>
 
+#include "platform/linux/uif_internal.h"
+#include "platform/list.h"
 #include "tests/unit/vty/support.h"
 
 namespace morva::shell {
@@ -69,6 +73,26 @@ TEST_F(SessionTest, UnknownInterfacesAreRefused) {
   answer("en\nconf t\n");
   EXPECT_EQ(answer("interface ge99\n"), "% No such interface: ge99\nqel(config)# ");
   EXPECT_EQ(answer("no interface ge99\n"), "% No such interface: ge99\nqel(config)# ");
+}
+
+TEST_F(SessionTest, KnownInterfacesHaveTheirNode) {
+  uif_clear();
+  g_uif_list = list_new();
+  cJSON* row = cJSON_Parse(R"({"index":5,"name":"vlanif5"})");
+  ASSERT_NE(uif_apply_row(row), nullptr);
+  cJSON_Delete(row);
+  EXPECT_EQ(answer("en\nconf t\ninterface vlanif5\n"), "qel# qel(config)# qel(config-if)# ");
+  EXPECT_EQ(plain_.session().interface, "vlanif5");
+  EXPECT_EQ(answer("interface vlanif6\n"), "% No such interface: vlanif6\nqel(config-if)# ");
+  EXPECT_EQ(answer("exit\n"), "qel(config)# ");
+  EXPECT_EQ(plain_.session().interface, "");
+  EXPECT_EQ(answer("no interface vlanif5\n"),
+            "% Interface vlanif5 cannot be removed\nqel(config)# ");
+  EXPECT_EQ(answer("interface vlanif5\nend\n"), "qel(config-if)# qel# ");
+  // In a file, a command of the configuration node ends the interface's part.
+  EXPECT_EQ(config_apply("interface vlanif5\n!\nqel debug 9\ninterface vlanif5\nexit\n"), 3u);
+  EXPECT_EQ(calls().back(), "qel debug <0-255> -> 9");
+  uif_clear();
 }
 
 // --- commands
