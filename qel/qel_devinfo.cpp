@@ -27,6 +27,12 @@ constexpr std::array<const char*, static_cast<size_t>(qel_info::count)> kKeys = 
     "port_count",  "device_name", "uptime",  "cpuoccu",  "memoccu",    "poeoccu",
     "onlineports", "uplinkdatas", "sysname", "have_poe", "check_model"};
 
+// Truncates to an integer. Counters that contradict each other (more idle or free than there is)
+// wrap to a huge difference, and that figure need not fit.
+int to_percent(double percent) {
+  return percent < static_cast<double>(INT32_MAX) ? static_cast<int>(percent) : INT32_MAX;
+}
+
 // The largest "tx_bytes" among the ports that face a switch, in a parsed statistics reply or null.
 int64_t largest_uplink(const cJSON* reply) {
   int64_t largest = 0;
@@ -143,8 +149,8 @@ int qel_cpu_occupancy(const qel_cpu_stat& sample) {
     return 0;
   }
   // Only `idle` is subtracted: time spent waiting for the disk counts as busy.
-  return static_cast<int>(static_cast<double>(sample.total - sample.idle) * 100.0 /
-                          static_cast<double>(sample.total));
+  return to_percent(static_cast<double>(sample.total - sample.idle) * 100.0 /
+                    static_cast<double>(sample.total));
 }
 
 int qel_mem_occupancy(const qel_mem_stat& sample) {
@@ -154,9 +160,7 @@ int qel_mem_occupancy(const qel_mem_stat& sample) {
     return 0;
   }
   // Buffers and cache are not subtracted: they count as used.
-  const double percent = static_cast<double>(total - free) * 100.0 / static_cast<double>(total);
-  // More free than there is gives a huge difference, not a figure that fits.
-  return percent < static_cast<double>(INT32_MAX) ? static_cast<int>(percent) : INT32_MAX;
+  return to_percent(static_cast<double>(total - free) * 100.0 / static_cast<double>(total));
 }
 
 int qel_cpu_occupancy_now() {
