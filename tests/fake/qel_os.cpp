@@ -302,8 +302,12 @@ void qel_os_umask(unsigned mask) {
   fake::internal::record("umask(0%o)", mask);
 }
 
+// Tells the log on standard error, where a death test can read it.
 void qel_os_exit(int status) {
   fake::internal::record("exit(%d)", status);
+  for (const std::string& line : fake::log_lines()) {
+    std::fprintf(stderr, "%s\n", line.c_str());
+  }
   std::exit(status);
 }
 
