@@ -148,8 +148,18 @@ void Manager::connect_back(uint16_t port, bool tell_all) {
   bufferevent_setcb(stream, on_client_text, nullptr, on_client_event, clients_.back().get());
   bufferevent_enable(stream, EV_READ | EV_WRITE);
   const sockaddr_in address = loopback(port);
-  // A refusal arrives as an event, which drops the client.
-  bufferevent_socket_connect(stream, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  Client* client = clients_.back().get();
+  // A refusal arrives as an event, which drops the client; without a socket there is no event.
+  const auto* to = reinterpret_cast<const sockaddr*>(&address);
+  if (bufferevent_socket_connect(stream, to, sizeof address) != 0) {
+    clients_.remove_if([client](const auto& each) {
+      if (each.get() != client) {
+        return false;
+      }
+      bufferevent_free(client->stream);
+      return true;
+    });
+  }
 }
 
 void Manager::on_client_event(bufferevent*, short what, void* client) {

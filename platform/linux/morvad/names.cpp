@@ -133,7 +133,9 @@ std::string port_key(std::string_view group, std::string_view port, std::string_
 std::string in_quotes(std::string_view text) {
   constexpr size_t kShown = 40;
   std::string out = "\"";
-  out += text.substr(0, kShown);
+  for (const char c : text.substr(0, kShown)) {
+    out += is_printable({&c, 1}) ? c : '?';
+  }
   out += text.size() > kShown ? "...\"" : "\"";
   return out;
 }

@@ -50,7 +50,7 @@ std::string switch_key(std::string_view name, std::string_view port);
 /// The settings key of another property of a port: port_key("port", "ge1", "speed").
 std::string port_key(std::string_view group, std::string_view port, std::string_view property);
 
-/// `text` in quotes for a message, cut after 40 bytes.
+/// `text` in quotes for a message, cut after 40 bytes, control characters shown as '?'.
 std::string in_quotes(std::string_view text);
 
 }  // namespace morvad
