@@ -36,13 +36,14 @@ struct qel_pool {
     total += count;
   }
 
-  // Frees every used record whose time is `lifetime` seconds or more in the past.
+  // Frees every used record whose time is `lifetime` seconds or more in the past. One without a
+  // time is as old as can be, also on a clock so late that the difference would turn negative.
   void recycle(int32_t lifetime) {
     const auto now = static_cast<uint32_t>(qel_os_time());
     for (struct listnode* node = used->head; node != nullptr;) {
       auto* record = static_cast<Record*>(node->data);
       node = node->next;
-      if (static_cast<int32_t>(now - record->time) >= lifetime) {
+      if (record->time == 0 || static_cast<int32_t>(now - record->time) >= lifetime) {
         release(record);
       }
     }
