@@ -164,15 +164,15 @@ TEST_P(AckTest, IsTheRequestsOwnPrintedFormatted) {
 
 INSTANTIATE_TEST_SUITE_P(
     Requests, AckTest,
-    testing::Values(
-        AckCase{"Object", R"({"ack":{"time":1700000000}})",
-                ",\"ack\":{\n\t\"time\":\t1700000000\n}"},
-        AckCase{"NestedObject", R"({"ack":{"a":{"b":[1,"x"]},"c":true}})",
-                ",\"ack\":{\n\t\"a\":\t{\n\t\t\"b\":\t[1, \"x\"]\n\t},\n\t\"c\":\ttrue\n}"},
-        AckCase{"Text", R"({"ack":"a\"b"})", R"(,"ack":"a\"b")"},
-        AckCase{"Number", R"({"ack":-7})", ",\"ack\":-7"},
-        AckCase{"Null", R"({"ack":null})", ",\"ack\":null"},
-        AckCase{"EmptyArray", R"({"ack":[]})", ",\"ack\":[]"}),
+    testing::Values(AckCase{"Object", R"({"ack":{"time":1700000000}})",
+                            ",\"ack\":{\n\t\"time\":\t1700000000\n}"},
+                    AckCase{
+                        "NestedObject", R"({"ack":{"a":{"b":[1,"x"]},"c":true}})",
+                        ",\"ack\":{\n\t\"a\":\t{\n\t\t\"b\":\t[1, \"x\"]\n\t},\n\t\"c\":\ttrue\n}"},
+                    AckCase{"Text", R"({"ack":"a\"b"})", R"(,"ack":"a\"b")"},
+                    AckCase{"Number", R"({"ack":-7})", ",\"ack\":-7"},
+                    AckCase{"Null", R"({"ack":null})", ",\"ack\":null"},
+                    AckCase{"EmptyArray", R"({"ack":[]})", ",\"ack\":[]"}),
     [](const auto& case_info) { return case_info.param.name; });
 
 // ---------------------------------------------------------------------------------------------
@@ -221,9 +221,8 @@ TEST_F(EnvelopeTest, ClosingNulIsSentWithTheMessage) {
   const size_t length = qel_json_pkt(area(), "a", nullptr, nullptr);
   qel_cmd_send(&link, text_.c_str(), length);
   ASSERT_THAT(fake::sent(), SizeIs(1));
-  EXPECT_THAT(
-      fake::sent()[0].bytes,
-      BytesAre(bytes("{\"type\":\"a\",\"pktid\":\"0\",\"devid\":\"SW_0A1B2C3D4E5F\"}\0")));
+  EXPECT_THAT(fake::sent()[0].bytes,
+              BytesAre(bytes("{\"type\":\"a\",\"pktid\":\"0\",\"devid\":\"SW_0A1B2C3D4E5F\"}\0")));
 }
 
 TEST_F(EnvelopeTest, PayloadThatFillsTheAreaToItsLastByteIsWhole) {
@@ -274,16 +273,16 @@ TEST_F(EnvelopeTest, PingCarriesTheTimeAsAcknowledgement) {
 }
 
 TEST_F(EnvelopeTest, PingResponseCarriesTheTimeAsDataAndTheRequestsAck) {
-  EXPECT_EQ(
-      built(qel_json_pingresp(area(), request(R"({"reqid":9,"ack":{"time":5}})"))),
-      "{\"type\":\"pingresp\",\"devid\":\"SW_0A1B2C3D4E5F\",\"pktid\":\"0\",\"reqid\":9,"
-      "\"data\":{\"time\":1700000000},\"ack\":{\n\t\"time\":\t5\n}}");
+  EXPECT_EQ(built(qel_json_pingresp(area(), request(R"({"reqid":9,"ack":{"time":5}})"))),
+            "{\"type\":\"pingresp\",\"devid\":\"SW_0A1B2C3D4E5F\",\"pktid\":\"0\",\"reqid\":9,"
+            "\"data\":{\"time\":1700000000},\"ack\":{\n\t\"time\":\t5\n}}");
 }
 
 TEST_F(EnvelopeTest, TimeBehind2038IsWhole) {
   fake::set_now(4102444800);
   EXPECT_THAT(built(qel_json_ping(area())), EndsWith(R"("ack":{"time":4102444800}})"));
-  EXPECT_THAT(built(qel_json_pingresp(area(), nullptr)), EndsWith(R"("data":{"time":4102444800}})"));
+  EXPECT_THAT(built(qel_json_pingresp(area(), nullptr)),
+              EndsWith(R"("data":{"time":4102444800}})"));
 }
 
 TEST_F(EnvelopeTest, TimeBeforeTheEpochIsNegative) {
@@ -294,10 +293,9 @@ TEST_F(EnvelopeTest, TimeBeforeTheEpochIsNegative) {
 TEST_F(EnvelopeTest, PortSetIsAnArrayOfOneMemberObjects) {
   const std::array pairs = {qel_json_pair{"port.enable.1", "1"}, qel_json_pair{"port.speed.1", ""},
                             qel_json_pair{"", "x"}};
-  EXPECT_EQ(
-      built(qel_json_port_set(area(), pairs)),
-      R"({"type":"port_set","pktid":"0","devid":"SW_0A1B2C3D4E5F",)"
-      R"("data":[{"port.enable.1":"1"},{"port.speed.1":""},{"":"x"}]})");
+  EXPECT_EQ(built(qel_json_port_set(area(), pairs)),
+            R"({"type":"port_set","pktid":"0","devid":"SW_0A1B2C3D4E5F",)"
+            R"("data":[{"port.enable.1":"1"},{"port.speed.1":""},{"":"x"}]})");
 }
 
 TEST_F(EnvelopeTest, PortSetOfOneEntryHasNoSeparator) {
@@ -321,9 +319,8 @@ TEST_F(EnvelopeTest, PortSetThatDoesNotFitIsSeenAndTheNextOneIsClean) {
 }
 
 TEST_F(EnvelopeTest, DeviceGetCarriesTheCallersText) {
-  EXPECT_EQ(
-      built(qel_json_device_get(area(), R"(["uptime"])")),
-      R"({"type":"device_get","pktid":"0","devid":"SW_0A1B2C3D4E5F","data":["uptime"]})");
+  EXPECT_EQ(built(qel_json_device_get(area(), R"(["uptime"])")),
+            R"({"type":"device_get","pktid":"0","devid":"SW_0A1B2C3D4E5F","data":["uptime"]})");
 }
 
 TEST_F(EnvelopeTest, PortSetResponseCarriesTheCallersTextAndAnswersTheRequest) {
@@ -337,10 +334,9 @@ TEST_F(EnvelopeTest, UpgradeRequestCarriesIndexAndSuccess) {
   EXPECT_EQ(
       built(qel_json_upgrade_req(area(), 12, 1)),
       R"({"type":"upgrade_req","pktid":"0","devid":"SW_0A1B2C3D4E5F","data":{"index":12,"success":1}})");
-  EXPECT_EQ(
-      built(qel_json_upgrade_req(area(), -2147483647 - 1, 2147483647)),
-      R"({"type":"upgrade_req","pktid":"1","devid":"SW_0A1B2C3D4E5F",)"
-      R"("data":{"index":-2147483648,"success":2147483647}})");
+  EXPECT_EQ(built(qel_json_upgrade_req(area(), -2147483647 - 1, 2147483647)),
+            R"({"type":"upgrade_req","pktid":"1","devid":"SW_0A1B2C3D4E5F",)"
+            R"("data":{"index":-2147483648,"success":2147483647}})");
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -368,14 +364,12 @@ TEST(SharedNames, MediaNameOfAPortComesFromClassMediumAndHighestSpeed) {
     int32_t speed_class, medium, max_speed;
     const char* name;
   };
-  for (const Case& one : {Case{2, 1, 1000, "G"},     Case{2, 1, 2500, "2.5G"},
-                          Case{2, 2, 1000, "GF"},    Case{2, 2, 2500, "2.5GF"},
-                          Case{2, 1, 10000, "G"},    Case{2, 2, 100, "G"},
-                          Case{2, 3, 1000, "G"},     Case{2, 0, 2500, "G"},
-                          Case{3, 1, 10000, "10GF"}, Case{3, 0, 0, "10GF"},
-                          Case{1, 1, 100, "F"},      Case{1, 2, 100, "FF"},
-                          Case{1, 3, 100, "G"},      Case{0, 1, 1000, "G"},
-                          Case{4, 2, 2500, "G"},     Case{-1, 1, 1000, "G"}}) {
+  for (const Case& one :
+       {Case{2, 1, 1000, "G"}, Case{2, 1, 2500, "2.5G"}, Case{2, 2, 1000, "GF"},
+        Case{2, 2, 2500, "2.5GF"}, Case{2, 1, 10000, "G"}, Case{2, 2, 100, "G"},
+        Case{2, 3, 1000, "G"}, Case{2, 0, 2500, "G"}, Case{3, 1, 10000, "10GF"},
+        Case{3, 0, 0, "10GF"}, Case{1, 1, 100, "F"}, Case{1, 2, 100, "FF"}, Case{1, 3, 100, "G"},
+        Case{0, 1, 1000, "G"}, Case{4, 2, 2500, "G"}, Case{-1, 1, 1000, "G"}}) {
     struct uif uif = {};
     uif.speed_class = one.speed_class;
     uif.medium = one.medium;
