@@ -43,7 +43,9 @@ int send_query(const char* form, const char* payload, const char* module, const 
 
 char* qel_mono_reply_area() {
   static char reply[JCLIENT_REPLY_SIZE];
-  reply[0] = '\0';
+  // All of it: a reply that is passed on in two frames takes bytes from behind the text, and those
+  // must not be what another module once answered.
+  std::memset(reply, 0, sizeof reply);
   return reply;
 }
 

@@ -10,7 +10,7 @@
 #include "platform/jclient.h"
 #include "qel/qel_cjson.h"
 
-// The agent's one reply area (JCLIENT_REPLY_SIZE bytes), emptied. Valid until the next call: a
+// The agent's one reply area (JCLIENT_REPLY_SIZE bytes), all zeros. Valid until the next call: a
 // caller is done with it before it starts anything that queries again.
 char* qel_mono_reply_area();
 
