@@ -28,7 +28,6 @@ State& state() {
 namespace fake {
 
 void reset() {
-  state() = State{};
   internal::reset_loop();
   internal::reset_log();
   internal::reset_list();
@@ -40,6 +39,7 @@ void reset() {
   internal::reset_sys();
   internal::reset_firmware();
   internal::reset_os();
+  state() = State{};  // last: the others may have recorded calls of their own
 }
 
 const std::vector<std::string>& calls() {

@@ -170,6 +170,9 @@ struct CpuCase {
   const char* stat;
   int percent;
 };
+void PrintTo(const CpuCase& one, std::ostream* stream) {
+  *stream << one.name;
+}
 
 class CpuTest : public AgentTest, public testing::WithParamInterface<CpuCase> {};
 
@@ -247,6 +250,9 @@ struct MemCase {
   const char* meminfo;
   int percent;
 };
+void PrintTo(const MemCase& one, std::ostream* stream) {
+  *stream << one.name;
+}
 
 class MemTest : public AgentTest, public testing::WithParamInterface<MemCase> {};
 

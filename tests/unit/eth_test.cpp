@@ -198,6 +198,9 @@ struct DropCase {
   fake::Mac destination;
   uint16_t ethertype;
 };
+void PrintTo(const DropCase& one, std::ostream* stream) {
+  *stream << one.name;
+}
 
 class EthDropTest : public EthFrameTest, public testing::WithParamInterface<DropCase> {};
 

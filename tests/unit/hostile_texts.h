@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,9 @@ struct HostileText {
   std::string text;
   std::optional<size_t> answers;  // how many; nothing: the JSON library's affair
 };
+inline void PrintTo(const HostileText& one, std::ostream* stream) {
+  *stream << one.name;
+}
 
 // A probe whose sender's name holds every control byte that is not NUL.
 inline std::string every_control_byte() {

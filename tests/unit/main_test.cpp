@@ -236,6 +236,9 @@ struct OemCase {
   std::array<uint32_t, OEM_INFO_WORDS> words;
   bool enabled;
 };
+void PrintTo(const OemCase& one, std::ostream* stream) {
+  *stream << one.name;
+}
 
 class EnableInit : public MainTest, public testing::WithParamInterface<OemCase> {};
 

@@ -65,6 +65,9 @@ struct OpenFailure {
   int error;
   const char* said;
 };
+void PrintTo(const OpenFailure& one, std::ostream* stream) {
+  *stream << one.name;
+}
 
 class UdpOpenFailure : public UdpTest, public testing::WithParamInterface<OpenFailure> {};
 
