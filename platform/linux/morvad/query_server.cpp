@@ -153,11 +153,9 @@ void QueryServer::greet(Listener& listener, int fd) {
 /// Reads all that is there. False when the client is not worth waiting for; `complete` at the end
 /// of the request.
 bool QueryServer::read_request(int fd, std::string& request, bool& complete) {
+  char buffer[kReadStep];
   for (;;) {
-    const size_t had = request.size();
-    request.resize(had + kReadStep);
-    const ssize_t count = recv(fd, request.data() + had, kReadStep, 0);
-    request.resize(had + (count > 0 ? static_cast<size_t>(count) : 0));
+    const ssize_t count = recv(fd, buffer, sizeof buffer, 0);
     if (count == 0) {
       complete = true;
       return true;
@@ -165,6 +163,7 @@ bool QueryServer::read_request(int fd, std::string& request, bool& complete) {
     if (count < 0) {
       return errno == EAGAIN || errno == EINTR;
     }
+    request.append(buffer, static_cast<size_t>(count));
     if (request.size() > kRequestMax) {
       return false;
     }
