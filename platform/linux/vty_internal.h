@@ -36,15 +36,18 @@ namespace morva::shell {
 inline constexpr int kInterfaceNode = 69;
 
 inline constexpr size_t kSessionMaximum = 32;
-inline constexpr size_t kInputChunk = 4096;           // bytes read from a client at a time
-inline constexpr size_t kOutputPause = 64 * 1024;     // unsent bytes: no further command until less
-inline constexpr size_t kOutputMaximum = 256 * 1024;  // unsent bytes: the session is dropped
-inline constexpr size_t kConfigMaximum = 1024 * 1024;  // bytes of a configuration
-inline constexpr size_t kConfigLineMaximum = 4096;     // lines of a configuration
-inline constexpr size_t kHistoryMaximum = 32;          // lines
+inline constexpr size_t kInputChunk = 4096;  // bytes read from a client at a time
+inline constexpr size_t kOutputPause =
+    size_t{64} * 1024;  // unsent bytes: no further command until less
+inline constexpr size_t kOutputMaximum =
+    size_t{256} * 1024;  // unsent bytes: the session is dropped
+inline constexpr size_t kConfigMaximum = size_t{1024} * 1024;  // bytes of a configuration
+inline constexpr size_t kConfigLineMaximum = 4096;             // lines of a configuration
+inline constexpr size_t kHistoryMaximum = 32;                  // lines
 
 inline constexpr unsigned kIdleSecondsDefault = 600;
-inline constexpr uint64_t kFarewellMs = 10 * 1000;  // a closing session's time to take its output
+inline constexpr uint64_t kFarewellMs =
+    uint64_t{10} * 1000;  // a closing session's time to take its output
 
 // --- nodes
 

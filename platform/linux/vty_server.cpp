@@ -289,13 +289,14 @@ bool is_served(const sockaddr_un& place) {
 void listen_unix(const char* path) {
   char buffer[kMorvaPathSize];
   const char* actual = morva_path(buffer, sizeof(buffer), path);
+  const size_t length = strlen(actual);
   sockaddr_un place = {};
   place.sun_family = AF_UNIX;
-  if (*actual == '\0' || strlen(actual) >= sizeof(place.sun_path)) {
+  if (length == 0 || length >= sizeof(place.sun_path)) {
     zlog_err("vty: \"%s\" is no path for a socket", path);
     return;
   }
-  strcpy(place.sun_path, actual);
+  memcpy(place.sun_path, actual, length + 1);
   if (is_served(place)) {
     zlog_err("vty: %s is in use", actual);
     return;
