@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2034
 #
 # What every script starts with: strict mode, the top of the tree, and one way to say things.
 # Sourced, never run.
@@ -24,6 +24,4 @@ die() {
 }
 
 # Prints the block of comment at the head of the calling script, without the licence line.
-usage() { sed -n '2,/^[^#]/{/^# SPDX/d;s/^# \{0,1\}//p}' "$0" | sed '/^$/{1d;}'; }
-
-jobs() { nproc; }
+usage() { sed -n '2,/^[^#]/{/^# SPDX/d;/^# shellcheck/d;/^[^#]/d;s/^# \{0,1\}//p}' "$0" | sed '1{/^$/d}'; }

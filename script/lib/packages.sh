@@ -6,8 +6,8 @@
 # To configure and build, unit tests included.
 packages_build=(
   cmake ninja-build g++ ccache
-  libcjson-dev libevent-dev libcli11-dev libfmt-dev nlohmann-json3-dev zlib1g-dev
-  googletest
+  libcjson-dev libevent-dev libtelnet-dev libcli11-dev libfmt-dev nlohmann-json3-dev zlib1g-dev
+  googletest libgtest-dev libgmock-dev
 )
 
 # To run a lab.

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """script/lab: the part that stays outside of the lab.
 
-It reads the command line, makes the lab's directory, starts process 1 (keeper.py) in new namespaces,
-hands signals on to it, and tidies up when it has ended.
+It reads the command line, makes the lab's directory, starts process 1 (keeper.py) in new
+namespaces, hands signals on to it, and tidies up when it has ended.
 """
 
 import argparse
@@ -16,27 +16,34 @@ import keeper
 import namespaces as ns
 
 CHECKOUT = os.path.realpath(os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../.."))
+DEFAULT_BOARD = "platform/linux/boards/ge28.json"
 READY_SECONDS = 15.0
 READY_SECONDS_PER_SWITCH = 0.5  # each switch beyond the first
+
+
+DESCRIPTION = """Builds a switch and a gateway out of namespaces, runs COMMAND (an interactive shell
+without one) in the gateway's network namespace. The cable's ends are gw0 (gateway) and vlanif1
+(switch). COMMAND finds $LAB_DIR (console.log, qel.log, morvad.log, queries.jsonl, nvram.conf, ...)
+and $LAB_SWITCH, a prefix that runs its arguments inside the switch. A LAB_DIR from the environment
+is used and left behind; files in its conf/ are the switch's /var/conf. QEL_BUILD_DIR names another
+folder whose bin/ holds the programs. With LAB_RESPAWN=1 a daemon that ended is started again."""
+
+EPILOG = "Exit status: COMMAND's; 128 + N after signal N; 125 when the lab did not come up."
 
 
 def parse(arguments):
     parser = argparse.ArgumentParser(
         prog="script/lab",
         usage="%(prog)s [options] [-- COMMAND ...]",
-        description="Builds a switch and a gateway out of namespaces and runs COMMAND (an interactive "
-        "shell without one) in the gateway's network namespace. The cable's ends are gw0 (gateway) and "
-        "vlanif1 (switch). COMMAND finds $LAB_DIR (console.log, qel.log, morvad.log, queries.jsonl, "
-        "nvram.conf, ...) and $LAB_SWITCH, a prefix that runs its arguments inside the switch.",
-        epilog="Exit status: COMMAND's; 128 + N when signal N ended it; 125 when the lab did not come up.",
+        description=DESCRIPTION,
+        epilog=EPILOG,
     )
-    parser.add_argument("--board", metavar="FILE", help="the switch's board file (default: the 28-port board)")
-    parser.add_argument("--preset", choices=("dev", "release"), help="whose programs run (default: dev, else release)")
-    parser.add_argument(
-        "--switches", metavar="N", type=int, default=1, help="N switches on the bridge br; $LAB_SWITCH_K is the K-th"
-    )
-    parser.add_argument("--keep", action="store_true", help="leave $LAB_DIR behind and say where it is")
-    parser.add_argument("command", nargs="*", metavar="COMMAND", help="what runs in the gateway's network namespace")
+    add = parser.add_argument
+    add("--board", metavar="FILE", help="the switch's board file (default: the 28-port board)")
+    add("--preset", choices=("dev", "release"), help="whose programs (default: dev, else release)")
+    add("--switches", metavar="N", type=int, default=1, help="how many; $LAB_SWITCH_K is the K-th")
+    add("--keep", action="store_true", help="leave $LAB_DIR behind and say where it is")
+    add("command", nargs="*", metavar="COMMAND", help="what runs on the gateway's side")
     options = parser.parse_args(arguments)
     if not 1 <= options.switches <= 250:
         parser.error("--switches takes 1 to 250")
@@ -48,7 +55,7 @@ def complete(options):
     options.checkout = CHECKOUT
     options.build_dir = find_build(options.preset)
     options.programs = os.path.join(CHECKOUT, "platform/linux/programs")
-    options.board = os.path.realpath(options.board or os.path.join(CHECKOUT, "platform/linux/boards/ge28.json"))
+    options.board = os.path.realpath(options.board or os.path.join(CHECKOUT, DEFAULT_BOARD))
     if not os.access(options.board, os.R_OK):
         sys.exit(f"lab: {options.board}: no such board file, or not readable")
     options.interactive = not options.command
@@ -61,9 +68,11 @@ def find_build(preset):
     """The folder whose bin/ holds the programs; QEL_BUILD_DIR wins over everything."""
     candidates = [os.environ.get("QEL_BUILD_DIR")]
     if not candidates[0]:
-        candidates = [os.path.join(CHECKOUT, "build", name) for name in ([preset] if preset else ["dev", "release"])]
+        presets = [preset] if preset else ["dev", "release"]
+        candidates = [os.path.join(CHECKOUT, "build", name) for name in presets]
     for candidate in candidates:
-        if all(os.access(os.path.join(candidate, "bin", program), os.X_OK) for program in ("qel", "morvad")):
+        programs = [os.path.join(candidate, "bin", name) for name in ("qel", "morvad")]
+        if all(os.access(program, os.X_OK) for program in programs):
             return os.path.realpath(candidate)
     sys.exit(f"lab: no qel and morvad in {' or '.join(candidates)}: run script/build first")
 
@@ -78,7 +87,7 @@ def make_directory():
 
 
 def start_keeper(options):
-    """Forks process 1 behind a process that waits for it; returns the waiter's pid and the control pipe."""
+    """Forks process 1 behind one that waits for it; returns the waiter's pid and a control pipe."""
     control_read, control_write = os.pipe()
     ready_read, ready_write = os.pipe()
     mapped_read, mapped_write = os.pipe()
@@ -103,11 +112,9 @@ def wait_for_keeper(options, control, ready, mapped):
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, lambda *_: None)  # the terminal's; the outside hands them on
     try:
-        ns.unshare(
-            ns.CLONE_NEWUSER | ns.CLONE_NEWNS | ns.CLONE_NEWPID | ns.CLONE_NEWNET | ns.CLONE_NEWIPC | ns.CLONE_NEWUTS
-        )
+        ns.unshare(ns.CLONE_LAB)
     except OSError as error:
-        print(f"lab: {error}; this kernel or container does not allow user namespaces", file=sys.stderr)
+        print(f"lab: {error}: user namespaces are not allowed here", file=sys.stderr)
         return keeper.EXIT_LAB
     os.write(ready, b"u")
     if os.read(mapped, 1) != b"m":

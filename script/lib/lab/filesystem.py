@@ -16,6 +16,7 @@ import namespaces as ns
 PRIVATE_TMP = ("/tmp", "/var/tmp", "/dev/shm")
 PRIVATE_OTHER = ("/run", "/var/conf", "/morva", "/dev", "/proc", "/sys")
 
+KERNEL_VIEW = ns.MS_NOSUID | ns.MS_NODEV | ns.MS_NOEXEC
 DEVICES = ("null", "zero", "full", "random", "urandom", "tty")
 
 
@@ -23,24 +24,24 @@ def mount_kernel_views():
     """Mounts the lab's /proc and /sys over the host's, without their switches for the whole host.
 
     Root of the lab is root of the host by number, and the kernel asks no more than that of a writer
-    to /proc/sys, /proc/sysrq-trigger or /sys; so these are read-only, the lab's own network excepted.
+    to /proc/sys, /proc/sysrq-trigger or /sys; so these are read-only, the network's own excepted.
     """
     try:
-        ns.mount("proc", "/proc", "proc", ns.MS_NOSUID | ns.MS_NODEV | ns.MS_NOEXEC)
+        ns.mount("proc", "/proc", "proc", KERNEL_VIEW)
     except PermissionError as error:
-        raise OSError(error.errno, "the kernel does not let the lab mount a /proc of its own") from error
+        raise OSError(error.errno, "the kernel does not allow a /proc of the lab's own") from error
     ns.bind("/proc/sys/net", "/proc/sys/net")
     for path in ("/proc/sys", "/proc/sysrq-trigger", "/proc/irq", "/proc/bus"):
         if os.path.exists(path):
             ns.bind(path, path)
-            ns.mount("none", path, flags=ns.MS_BIND | ns.MS_REMOUNT | ns.MS_RDONLY | ns.MS_NOSUID | ns.MS_NODEV | ns.MS_NOEXEC)
+            ns.mount("none", path, flags=ns.MS_BIND | ns.MS_REMOUNT | ns.MS_RDONLY | KERNEL_VIEW)
     mount_sysfs("/sys", "/sys")
 
 
 def mount_sysfs(target, fallback):
-    """Mounts the /sys of the current network namespace, or, where the kernel refuses, `fallback`."""
+    """Mounts the current network namespace's /sys, or, where the kernel refuses, `fallback`."""
     try:
-        ns.mount("sysfs", target, "sysfs", ns.MS_RDONLY | ns.MS_NOSUID | ns.MS_NODEV | ns.MS_NOEXEC)
+        ns.mount("sysfs", target, "sysfs", ns.MS_RDONLY | KERNEL_VIEW)
     except PermissionError:
         if target != fallback:
             ns.bind(fallback, target)
@@ -116,9 +117,10 @@ def _build_dev(root, switch_dir):
 
 def _keep(root, path, writable):
     """Shows `path` at its place when a private directory hides it, or when it must be writable."""
-    hidden = any(path == parent or path.startswith(parent + "/") for parent in PRIVATE_TMP + PRIVATE_OTHER)
-    if not hidden and not writable:
-        return
+    private = PRIVATE_TMP + PRIVATE_OTHER
+    hidden = any(path == parent or path.startswith(parent + "/") for parent in private)
+    if not writable and (not hidden or os.path.exists(root + path)):
+        return  # it shows already, perhaps as part of one before it
     if os.path.isdir(path):
         os.makedirs(root + path, exist_ok=True)
     else:

@@ -56,8 +56,12 @@ class Keeper:
         ns.make_private()
         filesystem.mount_kernel_views()
         for number in range(1, options.switches + 1):
-            directory = options.dir if options.switches == 1 else os.path.join(options.dir, f"switch{number}")
-            self.switches.append(Switch(number, directory, options.board, options.build_dir, options.programs))
+            directory = options.dir
+            if options.switches > 1:
+                directory = os.path.join(options.dir, f"switch{number}")
+            self.switches.append(
+                Switch(number, directory, options.board, options.build_dir, options.programs)
+            )
         if options.switches > 1:
             link_first_switch(options.dir)
         visible = [options.checkout, options.build_dir]
@@ -74,7 +78,8 @@ class Keeper:
         wakeup_read, wakeup_write = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
         signal.set_wakeup_fd(wakeup_write, warn_on_full_buffer=False)
         signal.signal(signal.SIGCHLD, lambda *_: None)
-        self.selector.register(wakeup_read, selectors.EVENT_READ, lambda: os.read(wakeup_read, 4096))
+        forget = lambda: os.read(wakeup_read, 4096)
+        self.selector.register(wakeup_read, selectors.EVENT_READ, forget)
         self.selector.register(self.control, selectors.EVENT_READ, self._obey)
         for switch in self.switches:
             for descriptor in switch.pipes():
@@ -141,12 +146,13 @@ class Keeper:
 
     def _report_failed_start(self, failed, waiting):
         for switch in (failed or waiting)[:3]:
-            reason = switch.failure or f"the agent was not ready within {self.options.ready_seconds:g} s"
+            late = f"the agent was not ready within {self.options.ready_seconds:g} s"
+            reason = switch.failure or late
             print(f"lab: switch {switch.number}: {reason}", file=sys.stderr)
             switch.show_logs()
 
     def _await_end(self):
-        """Waits for the command, then gives the daemons time to end and to say what they have to."""
+        """Waits for the command, then gives the daemons time to end in good order."""
         while self.command:
             self._turn(1.0 if self.stop_at is None else TICK_SECONDS)
             if self.stop_at is not None and time.monotonic() > self.stop_at and self.command:
@@ -156,7 +162,9 @@ class Keeper:
         for switch in self.switches:
             switch.stop_daemons()
         deadline = time.monotonic() + STOP_SECONDS
-        while any(any(switch.daemons.values()) for switch in self.switches) and time.monotonic() < deadline:
+        while time.monotonic() < deadline:
+            if not any(any(switch.daemons.values()) for switch in self.switches):
+                break
             self._turn(TICK_SECONDS)
         for switch in self.switches:
             switch.pump_all()
@@ -173,7 +181,8 @@ class Keeper:
         environment["PATH"] = f"{self.options.build_dir}/bin:{environment['PATH']}"
         if self.options.interactive:
             environment.setdefault("PS1", "lab$ ")
-            print(f"lab: gw0 leads to the switch; LAB_DIR is {self.options.dir}; `exit` takes it all down", file=sys.stderr)
+            print(f"lab: gw0 leads to the switch, LAB_DIR is {self.options.dir};", file=sys.stderr)
+            print("lab: $LAB_SWITCH runs a command in it, `exit` ends it all", file=sys.stderr)
         signals = [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGPIPE, signal.SIGCHLD]
         try:
             self.command = os.posix_spawnp(

@@ -11,6 +11,9 @@ CLONE_NEWIPC = 0x08000000
 CLONE_NEWUSER = 0x10000000
 CLONE_NEWPID = 0x20000000
 CLONE_NEWNET = 0x40000000
+CLONE_LAB = (
+    CLONE_NEWNS | CLONE_NEWUTS | CLONE_NEWIPC | CLONE_NEWUSER | CLONE_NEWPID | CLONE_NEWNET
+)
 
 MS_RDONLY = 0x1
 MS_NOSUID = 0x2
@@ -45,11 +48,11 @@ def unshare(flags):
 
 def mount(source, target, fstype=None, flags=0, options=None):
     """mount(2); text arguments or None."""
-    encoded = [None if text is None else os.fsencode(text) for text in (source, target, fstype, options)]
-    _check(
-        _libc.mount(encoded[0], encoded[1], encoded[2], ctypes.c_ulong(flags), encoded[3]),
-        f"mount {source or fstype} on {target}",
+    source_, target_, fstype_, options_ = (
+        None if text is None else os.fsencode(text) for text in (source, target, fstype, options)
     )
+    result = _libc.mount(source_, target_, fstype_, ctypes.c_ulong(flags), options_)
+    _check(result, f"mount {source or fstype} on {target}")
 
 
 def bind(source, target):
@@ -68,7 +71,7 @@ def make_private():
 
 
 def make_read_only(path):
-    """Makes the mount at `path` and every mount below it read-only; False where the kernel cannot."""
+    """Makes the mount at `path` and all below it read-only; False where the kernel cannot."""
     attributes = (ctypes.c_uint64 * 4)(MOUNT_ATTR_RDONLY, 0, 0, 0)
     result = _libc.syscall(
         ctypes.c_long(SYS_MOUNT_SETATTR),

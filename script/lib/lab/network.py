@@ -11,11 +11,13 @@ import ipaddress
 import subprocess
 
 MTU = 2000  # a frame of the agent can be 1632 bytes long
+FIRST_INDEX = 100  # interface numbers of the gateway's ends are above this one
 
 
 def _ip_batch(lines):
     """Runs ip(8) once over `lines`."""
-    result = subprocess.run(["ip", "-batch", "-"], input="\n".join(lines) + "\n", text=True, capture_output=True)
+    text = "\n".join(lines) + "\n"
+    result = subprocess.run(["ip", "-batch", "-"], input=text, text=True, capture_output=True)
     if result.returncode != 0:
         raise OSError(f"ip: {result.stderr.strip()}")
 
@@ -30,15 +32,18 @@ def connect(switches):
     single = len(switches) == 1
     if not single:
         lines += [
-            "link add name br mtu %d type bridge stp_state 0 forward_delay 0 mcast_snooping 0" % MTU,
-            "link add name gw0 mtu %d type veth peer name gw0p mtu %d" % (MTU, MTU),
+            f"link add name br mtu {MTU} type bridge stp_state 0 forward_delay 0 mcast_snooping 0",
+            f"link add name gw0 mtu {MTU} type veth peer name gw0p mtu {MTU}",
             "link set dev gw0p master br up",
             "link set dev br up",
         ]
     for switch in switches:
         end = "gw0" if single else f"sw{switch.number}"
+        # Numbers that differ at the two ends: where they are the same by chance the kernel reports
+        # the cable as plugged in up to a second late.
         lines.append(
-            f"link add name {end} index {100 + switch.number} mtu {MTU} type veth peer name vlanif1 mtu {MTU} address {switch.mac} netns {switch.pid}"
+            f"link add name {end} index {FIRST_INDEX + switch.number} mtu {MTU} type veth "
+            f"peer name vlanif1 mtu {MTU} address {switch.mac} netns {switch.pid}"
         )
         if not single:
             lines.append(f"link set dev {end} master br up")

@@ -18,6 +18,8 @@ import network
 
 EXIT_RESTART = 75  # morvad's exit status when the switch was asked to reboot
 STOP_SECONDS = 5.0  # what a daemon gets to end after SIGTERM
+PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
+APPEND = os.O_WRONLY | os.O_APPEND | os.O_CREAT
 LOGS = ("console.log", "qel.log", "morvad.log", "queries.jsonl", "syslog.log")
 
 
@@ -103,9 +105,8 @@ class Switch:
         if os.read(go, 1) != b"g":
             return
         network.start_switch_side()
-        filesystem.build_switch_root(
-            self._path(".root"), self.directory, keep_visible + [self.directory], self.programs
-        )
+        visible = [*keep_visible, self.board_file, self.directory]
+        filesystem.build_switch_root(self._path(".root"), self.directory, visible, self.programs)
         os.write(report, b"k")
         null = os.open("/dev/null", os.O_RDWR)
         for descriptor in range(3):
@@ -135,14 +136,17 @@ class Switch:
         return list(self._pipes)
 
     def _append(self, name):
-        return os.open(self._path(name), os.O_WRONLY | os.O_APPEND | os.O_CREAT | os.O_CLOEXEC, 0o644)
+        return os.open(self._path(name), APPEND | os.O_CLOEXEC, 0o644)
 
     def pump(self, descriptor):
         """Moves what waits at `descriptor` into its file."""
         source, target = self._pipes[descriptor]
         while True:
             try:
-                data = os.read(descriptor, 65536) if source == descriptor else source.recv(65536) + b"\n"
+                if source == descriptor:
+                    data = os.read(descriptor, 65536)
+                else:
+                    data = source.recv(65536) + b"\n"
             except BlockingIOError:
                 return
             if not data:
@@ -164,7 +168,7 @@ class Switch:
     def _start(self, name):
         arguments = ["--board", self.board_file, "--foreground"] if name == "morvad" else []
         environment = dict(os.environ)
-        environment["PATH"] = f"/morva/bin:{self.build_dir}/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
+        environment["PATH"] = f"/morva/bin:{self.build_dir}/bin:{PATH}"
         environment["MORVA_LOG"] = "stderr"
         environment["MORVA_QUERY_LOG"] = self._path("queries.jsonl")
         self.daemons[name] = os.posix_spawnp(
@@ -173,8 +177,9 @@ class Switch:
             environment,
             file_actions=[
                 (os.POSIX_SPAWN_OPEN, 0, "/dev/null", os.O_RDONLY, 0),
-                (os.POSIX_SPAWN_OPEN, 1, self._path(name + ".log"), os.O_WRONLY | os.O_APPEND | os.O_CREAT, 0o644),
+                (os.POSIX_SPAWN_OPEN, 1, self._path(name + ".log"), APPEND, 0o644),
                 (os.POSIX_SPAWN_DUP2, 1, 2),
+                *((os.POSIX_SPAWN_CLOSE, descriptor) for descriptor in inherited_descriptors()),
             ],
             setsid=True,
             setsigdef=[signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGPIPE],
@@ -187,7 +192,7 @@ class Switch:
         root = f"/proc/{self.pid}/root"
         with open(root + "/sys/class/net/vlanif1/operstate", encoding="ascii") as file:
             cable = file.read().strip() == "up"
-        return cable and os.path.exists(root + "/run/qel.pid") and os.path.exists(root + "/run/qel.vty")
+        return cable and all(os.path.exists(f"{root}/run/qel.{end}") for end in ("pid", "vty"))
 
     def child_ended(self, pid, status, stopping):
         """Takes note that the process `pid` ended with wait status `status`."""
@@ -202,7 +207,9 @@ class Switch:
             os.unlink(self._path(name + ".pid"))
         if stopping:
             return
-        how = f"ended with status {code}" if code >= 0 else f"was ended by {signal.Signals(-code).name}"
+        how = f"ended with status {code}"
+        if code < 0:
+            how = f"was ended by {signal.Signals(-code).name}"
         if name == "morvad" and code == EXIT_RESTART:
             self.restarting = True
             self.stop_daemons()
@@ -256,3 +263,16 @@ class Switch:
                 lines = file.readlines()[-30:]
             print(f"--- switch {self.number}, {name}:", file=sys.stderr)
             sys.stderr.writelines("    " + line.rstrip("\n") + "\n" for line in lines)
+
+
+def inherited_descriptors():
+    """What the lab's caller left open for the command; the daemons have no business with it."""
+    numbers = [int(name) for name in os.listdir("/proc/self/fd")]
+    return [number for number in numbers if number > 2 and _inheritable(number)]
+
+
+def _inheritable(descriptor):
+    try:
+        return os.get_inheritable(descriptor)
+    except OSError:
+        return False  # the one that listed the directory
