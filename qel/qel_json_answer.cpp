@@ -20,8 +20,12 @@ int dhcp_method() {
   qel_mono_l3if_get(reply);
   const qel_cjson_tree tree(cJSON_Parse(reply));
   int method = 0;
+  const cJSON* data = cJSON_GetObjectItem(tree.get(), "data");
+  if (cJSON_IsArray(data) == 0) {
+    return method;
+  }
   const cJSON* element = nullptr;
-  cJSON_ArrayForEach(element, cJSON_GetObjectItem(tree.get(), "data")) {
+  cJSON_ArrayForEach(element, data) {
     const char* text = cJSON_GetObjectItemString(element, "method");
     if (text != nullptr) {
       method = std::atoi(text);
