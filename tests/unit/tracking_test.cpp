@@ -15,7 +15,7 @@
 #include "qel/qel_table.h"
 #include "tests/unit/support.h"
 
-// The blocks are the agent's only use of calloc; linked in its place, this one can fail.
+// The agent's records come from calloc; this one, linked in its place, can fail.
 extern "C" void* __real_calloc(size_t count, size_t size);
 static bool g_calloc_fails = false;
 extern "C" __attribute__((used)) void* __wrap_calloc(size_t count, size_t size) {
