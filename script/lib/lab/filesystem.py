@@ -88,7 +88,11 @@ def _build_var(root, switch_dir):
     """/var: the host's entries, but a conf/ of the switch's own and /var/run leading to /run."""
     os.mkdir(root + "/var")
     for entry in os.scandir("/var"):
-        if entry.name not in {"run", "conf", "tmp", "lock"}:
+        if entry.name not in {"run", "conf", "tmp", "lock", "lib"}:
+            _show(entry.path, root + entry.path)
+    os.makedirs(root + "/var/lib/morva")  # what the platform's programs store
+    for entry in os.scandir("/var/lib"):
+        if entry.name != "morva":
             _show(entry.path, root + entry.path)
     os.symlink("/run", root + "/var/run")
     os.symlink("/run/lock", root + "/var/lock")
