@@ -36,8 +36,12 @@ int to_percent(double percent) {
 // The largest "tx_bytes" among the ports that face a switch, in a parsed statistics reply or null.
 int64_t largest_uplink(const cJSON* reply) {
   int64_t largest = 0;
+  const cJSON* data = cJSON_GetObjectItem(reply, "data");
+  if (cJSON_IsArray(data) == 0) {
+    return largest;
+  }
   const cJSON* element = nullptr;
-  cJSON_ArrayForEach(element, cJSON_GetObjectItem(reply, "data")) {
+  cJSON_ArrayForEach(element, data) {
     const char* name = cJSON_GetObjectItemString(element, "name");
     const qel_port* port = name != nullptr ? qel_port_of(uif_get_by_name(name)) : nullptr;
     if (port == nullptr || port->neighbour_type != kQelClientSwitch) {

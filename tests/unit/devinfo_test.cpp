@@ -371,7 +371,8 @@ TEST_P(UplinkBadReply, GivesZero) {
 
 INSTANTIATE_TEST_SUITE_P(Replies, UplinkBadReply,
                          testing::Values("", "no json", "{}", R"({"data":7})", R"({"data":{}})",
-                                         R"({"data":[]})", R"([{"name":"ge1","tx_bytes":9}])",
+                                         R"({"data":[]})", R"([{"name":"ge1","tx_bytes":9437184}])",
+                                         R"({"data":{"a":{"name":"ge1","tx_bytes":9437184}}})",
                                          R"({"data":[{"name":"ge1","tx_bytes":)"));
 
 TEST_F(UplinkTest, EarlierReplyIsNotTakenForAMissingOne) {
