@@ -124,7 +124,7 @@ int jclient_query(const char* request, char* reply) {
   } else {
     module[0] = '\0';
   }
-  if (length > 0) {
+  if (reply != nullptr && length > 0) {
     memcpy(reply, answer, static_cast<size_t>(length) + 1);
   }
   log_query(module, request, length, (morva_now_ns() - start) / 1000);

@@ -17,7 +17,7 @@ namespace {
 
 // The kernel stamps files with the time of its last tick (up to 10 ms old). A file that is younger
 // than this when it is read may change again under the same stamp.
-constexpr long long kRecentNs = 50 * 1000 * 1000;
+constexpr long long kRecentNs = 50000000;
 
 bool is_key_byte(unsigned char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||

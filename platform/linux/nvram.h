@@ -24,7 +24,7 @@ struct nvram_pair {
 };
 
 // Files above this many bytes are not written, and only this much of them is read.
-constexpr size_t kNvramFileMax = 1024 * 1024;
+constexpr size_t kNvramFileMax = 1048576;
 
 // How long a writer waits for another one that holds the lock, in milliseconds.
 constexpr int kNvramLockWaitMs = 500;

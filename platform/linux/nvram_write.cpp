@@ -19,7 +19,7 @@ namespace {
 constexpr char kLockName[] = ".nvram.lock";
 constexpr char kTempName[] = ".nvram.tmp";
 constexpr mode_t kNewFileMode = 0640;
-constexpr long kLockPollNs = 5 * 1000 * 1000;
+constexpr long kLockPollNs = 5000000;
 
 enum class write_mode { set, fill, replace };
 

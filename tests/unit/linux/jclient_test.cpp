@@ -152,7 +152,9 @@ TEST_F(JclientTest, OneByteTooLong) {
 }
 
 TEST_F(JclientTest, TenMegabytes) {
-  FakeModule module("mono", "\"" + std::string(10 * 1024 * 1024, 'x') + "\"");
+  std::string text = "\"";
+  text.resize(10485760, 'x');
+  FakeModule module("mono", text + "\"");
   EXPECT_EQ(-1, query());
   expect_untouched();
 }

@@ -158,7 +158,7 @@ TEST_F(NvramTest, OtherThingsInTheFilesPlace) {
 TEST_F(NvramTest, FileThatIsTooBigIsReadButNotWritten) {
   std::string text = "a=1\n";
   while (text.size() <= kNvramFileMax) {
-    text += std::string(99, '#') + "\n";
+    text.append(99, '#').append("\n");
   }
   write_file(path_, text);
   EXPECT_EQ("1", get("a"));
@@ -191,7 +191,9 @@ TEST_F(NvramTest, KilledWritersLeaveAWholeFile) {
     kill(writer, SIGKILL);
     waitpid(writer, nullptr, 0);
     const std::string count = get("count");
-    EXPECT_EQ("count=" + count + "\nfiller=" + filler + "\n", read_file(path_));
+    std::string whole = "count=";
+    whole.append(count).append("\nfiller=").append(filler).append("\n");
+    EXPECT_EQ(whole, read_file(path_));
     EXPECT_EQ(0, set("count", std::to_string(round * 1000000)));  // the lock died with its holder
   }
 }
@@ -281,7 +283,7 @@ TEST_F(NvramTest, FullDiskLeavesTheOldFile) {
     }
     const std::string old = "a=1\nb=2\n";
     write_file(path_, old);
-    write_file(at("/var/conf/big.conf"), std::string(64 * 1024, 'x'));
+    write_file(at("/var/conf/big.conf"), std::string(65536, 'x'));
     const bool refused = set("a", "2") == -ENOSPC && read_file(path_) == old &&
                          !file_exists(at("/var/conf/.nvram.tmp"));
     unlink(at("/var/conf/big.conf").c_str());

@@ -20,7 +20,8 @@
 
 RootTest::RootTest() {
   char name[] = "/tmp/morva-test-XXXXXX";
-  root_ = mkdtemp(name);
+  EXPECT_NE(nullptr, mkdtemp(name));
+  root_ = name;
   std::filesystem::create_directories(at("/var/run/morva"));
   std::filesystem::create_directories(at("/var/conf"));
   setenv("MORVA_ROOT", root_.c_str(), 1);
@@ -34,9 +35,13 @@ RootTest::~RootTest() {
   std::filesystem::remove_all(root_, ignored);
 }
 
+static std::string socket_path(const std::string& module) {
+  const char* root = getenv("MORVA_ROOT");
+  return std::string(root != nullptr ? root : "") + "/var/run/morva/" + module + ".sock";
+}
+
 FakeModule::FakeModule(const std::string& name, Handler handler)
-    : handler_(std::move(handler)),
-      path_(std::string(getenv("MORVA_ROOT")) + "/var/run/morva/" + name + ".sock") {
+    : handler_(std::move(handler)), path_(socket_path(name)) {
   listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;

@@ -91,12 +91,13 @@ TEST_F(UifTest, ManyInterfacesAreAllFound) {
   std::string table = R"({"ret":0,"data":[)";
   for (int i = 1; i <= 52; ++i) {
     const std::string n = std::to_string(i);
-    table += R"({"index":)" + std::to_string(0x01000000 + i) + R"(,"name":"ge)" + n +
-             R"(","port_no":)" + n + R"(,"speed_class":2,"medium":1},)";
+    table.append(R"({"index":)").append(std::to_string(0x01000000 + i));
+    table.append(R"(,"name":"ge)").append(n).append(R"(","port_no":)").append(n);
+    table.append(R"(,"speed_class":2,"medium":1},)");
   }
   for (int i = 1; i <= 500; ++i) {
     const std::string n = std::to_string(i);
-    table += R"({"index":)" + n + R"(,"name":"vlanif)" + n + R"("},)";
+    table.append(R"({"index":)").append(n).append(R"(,"name":"vlanif)").append(n).append("\"},");
   }
   table.back() = ']';
   fill(table + "}");
