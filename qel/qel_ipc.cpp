@@ -182,9 +182,13 @@ int qel_ipc_handle_poe_update(const cJSON* msg) {
     if (name == nullptr) {
       continue;
     }
-    qel_port* port = qel_port_of(uif_lookup_by_name(name));
-    if (port == nullptr) {
+    const struct uif* uif = uif_lookup_by_name(name);
+    if (uif == nullptr) {
       break;  // the first unknown name ends the walk
+    }
+    qel_port* port = qel_port_of(uif);
+    if (port == nullptr) {
+      continue;  // known, but no physical port
     }
     port->power = static_cast<uint32_t>(cJSON_GetObjectItemInt(member, "power"));
     port->power_max = static_cast<uint32_t>(cJSON_GetObjectItemInt(member, "power_max"));
