@@ -175,7 +175,8 @@ int qel_api_download_conf_write(std::span<const uint8_t> bytes) {
     qel_api_download_reset();
     return -1;
   }
-  const size_t written = std::fwrite(bytes.data(), 1, bytes.size(), conf.download_file);
+  const size_t written =
+      bytes.empty() ? 0 : std::fwrite(bytes.data(), 1, bytes.size(), conf.download_file);
   if (written < bytes.size() || std::fflush(conf.download_file) != 0) {
     write_failed(written, bytes.size());
     qel_api_download_reset();

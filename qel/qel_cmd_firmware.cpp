@@ -134,14 +134,16 @@ int qel_cmd_handle_upgrade(qel_link* link, const cJSON* root, const char* text, 
     qel_stdout("%s device upgrading \r\n", __func__);
     return -1;
   }
-  // The bytes stand behind the text's closing NUL.
+  // The bytes stand behind the text's closing NUL; without bytes there need not be anything.
   const size_t position = strnlen(text, area) + 1;
-  if (binlen < 0 || position > area || static_cast<size_t>(binlen) > area - position) {
-    return -1;
+  std::span<const uint8_t> chunk;
+  if (binlen != 0) {
+    if (binlen < 0 || position > area || static_cast<size_t>(binlen) > area - position) {
+      return -1;
+    }
+    chunk = {reinterpret_cast<const uint8_t*>(text) + position, static_cast<size_t>(binlen)};
   }
   qel_upgrade_overtime_clear();
-  qel_upgrade_append(
-      link, {reinterpret_cast<const uint8_t*>(text) + position, static_cast<size_t>(binlen)},
-      index);
+  qel_upgrade_append(link, chunk, index);
   return 0;
 }

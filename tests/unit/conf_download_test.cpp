@@ -1,0 +1,284 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A configuration archive that the gateway pushes: stored chunk by chunk, checked, applied.
+#include <cerrno>
+
+#include "qel/qel_api.h"
+#include "qel/qel_cmd.h"
+#include "qel/qel_table.h"
+#include "tests/unit/support.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr char kFile[] = "/var/conf/downlconf.tar.gz";
+constexpr char kUnpack[] = "cd /var/conf && rm *.conf && tar -zxvf downlconf.tar.gz";
+constexpr char kRemove[] = "rm /var/conf/downlconf.tar.gz";
+constexpr char kFlash[] = "/morva/bin/conf flash";
+
+struct Chunk {
+  int index = 0;
+  int next = 0;
+  int64_t total = 0;
+  int64_t crc = 0;
+  std::string bytes;
+  std::optional<int64_t> length = {};  // other than the bytes' own
+};
+
+std::string json_of(const Chunk& chunk) {
+  const int64_t length = chunk.length.value_or(static_cast<int64_t>(chunk.bytes.size()));
+  return R"({"mac":"gw","cmd":"update","subcmd":"config_download","data":{"index":)" +
+         std::to_string(chunk.index) + ",\"next\":" + std::to_string(chunk.next) +
+         R"(,"file":"conf.tgz","total_length":)" + std::to_string(chunk.total) +
+         ",\"crc\":" + std::to_string(chunk.crc) + ",\"length\":" + std::to_string(length) + "}}";
+}
+
+std::string answer(int state, int index) {
+  return R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"config_download","data":{"state":)" +
+         std::to_string(state) + ",\"index\":" + std::to_string(index) + R"(,"file":"conf.tgz"}})";
+}
+
+class ConfDownloadTest : public AgentTest {
+ protected:
+  ConfDownloadTest() { start(); }
+
+  // The chunk arrives as a sender places it: text, NUL, bytes; length field text length + 17.
+  void push(const Chunk& chunk) {
+    const std::string text = json_of(chunk);
+    push_at(chunk, static_cast<uint16_t>(text.size() + 17));
+  }
+
+  void push_at(const Chunk& chunk, uint16_t length_field) {
+    fake::clear_records();
+    receive(json_of(chunk) + bytes("\0") + chunk.bytes, kGatewayMac, kSwitchMac, length_field);
+  }
+
+  static std::string stored() { return fake::file(kFile).value_or("(no file)"); }
+};
+
+TEST_F(ConfDownloadTest, OneChunkIsStoredAnsweredAndApplied) {
+  push({.total = 5, .crc = 907060870, .bytes = "hello"});  // the CRC-32 of "hello"
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
+  EXPECT_EQ(stored(), "hello");
+  EXPECT_THAT(fake::shell_commands(), ElementsAre(kUnpack, kRemove, kFlash));
+  EXPECT_EQ(fake::reboots(), 1);
+  EXPECT_THAT(fake::console_text(), HasSubstr("crc32[0x3610a686], loadcrc32[0x3610a686]\n"));
+}
+
+TEST_F(ConfDownloadTest, AnswerIsFramedLikeAnyMessage) {
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  const std::string json =
+      R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"config_download","data":{"state":2,)"
+      R"("index":1,"file":"conf.tgz"}})";
+  ASSERT_THAT(fake::sent(), SizeIs(1));
+  EXPECT_THAT(fake::sent().front().bytes,
+              BytesAre(reply_header(static_cast<uint16_t>(json.size() + 16)) + json));
+}
+
+TEST_F(ConfDownloadTest, AnswerGoesOutBeforeTheFilesAreReplacedAndTheSwitchRestarts) {
+  push({.total = 5, .bytes = "hello"});
+  const auto order = fake::calls_of({"sendto(", "system(", "sys_reboot("});
+  ASSERT_THAT(order, SizeIs(5));
+  EXPECT_THAT(order[0], HasSubstr("sendto("));
+  EXPECT_THAT(order[1], HasSubstr("rm *.conf"));
+  EXPECT_THAT(order[4], HasSubstr("sys_reboot("));
+}
+
+TEST_F(ConfDownloadTest, ChunksAreAppendedInTheOrderTheyArrive) {
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 1)));
+  push({.index = 7, .next = 1, .total = 9, .bytes = "def"});  // no check of the index
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 8)));
+  EXPECT_THAT(fake::shell_commands(), IsEmpty());
+  push({.index = 2, .next = 0, .total = 9, .bytes = "ghi"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
+  EXPECT_EQ(stored(), "abcdefghi");
+  EXPECT_EQ(fake::reboots(), 1);
+}
+
+TEST_F(ConfDownloadTest, SumThatReachesTheTotalEndsTheDownloadThoughMoreIsAnnounced) {
+  push({.index = 0, .next = 1, .total = 6, .bytes = "abc"});
+  push({.index = 1, .next = 1, .total = 6, .bytes = "def"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 2)));
+  EXPECT_EQ(fake::reboots(), 1);
+}
+
+TEST_F(ConfDownloadTest, WrongCrcIsOnlyLogged) {
+  push({.total = 5, .crc = 1, .bytes = "hello"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
+  EXPECT_THAT(fake::console_text(), HasSubstr("crc32[0x3610a686], loadcrc32[0x1]\n"));
+  EXPECT_THAT(fake::shell_commands(), SizeIs(3));
+}
+
+TEST_F(ConfDownloadTest, CrcComesSignedOrUnsigned) {
+  push({.total = 1, .crc = -1931733373, .bytes = "x"});
+  EXPECT_THAT(fake::console_text(), HasSubstr("crc32[0x8cdc1683], loadcrc32[0x8cdc1683]\n"));
+  push({.total = 1, .crc = 2363233923, .bytes = "x"});
+  EXPECT_THAT(fake::console_text(), HasSubstr("crc32[0x8cdc1683], loadcrc32[0x8cdc1683]\n"));
+}
+
+TEST_F(ConfDownloadTest, LastChunkWithTooFewBytesIsAppliedAllTheSame) {
+  push({.index = 0, .next = 0, .total = 100, .bytes = "hello"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
+  EXPECT_EQ(fake::reboots(), 1);
+}
+
+TEST_F(ConfDownloadTest, OffsetAndFirstBytesAreToldOnTheConsole) {
+  const Chunk chunk{.index = 0, .next = 1, .total = 9, .bytes = "abc"};
+  push(chunk);
+  EXPECT_THAT(fake::console_text(),
+              HasSubstr("offset[" + std::to_string(json_of(chunk).size() + 1) +
+                        "] pdata0[0x61] pdata1[0x62]\n"));
+  EXPECT_THAT(fake::console_text(), HasSubstr("[qel_api_download_conf_write,"));
+  EXPECT_THAT(fake::console_text(), HasSubstr("downloadlen[3] written[3]\n"));
+}
+
+TEST_F(ConfDownloadTest, MessageWithoutDataIsNotAnswered) {
+  receive(R"({"mac":"gw","cmd":"update","subcmd":"config_download"})");
+  EXPECT_THAT(fake::sent(), IsEmpty());
+  EXPECT_THAT(fake::console_text(), HasSubstr("offset[-16] "));
+}
+
+TEST_F(ConfDownloadTest, AnnouncedLengthOf65535IsLoggedAndAccepted) {
+  push({.index = 0, .next = 1, .total = 65534, .bytes = "abc"});
+  EXPECT_THAT(fake::console_text(), testing::Not(HasSubstr("total_length[")));
+  qel_api_download_reset();
+  push({.index = 0, .next = 1, .total = 65535, .bytes = "abc"});
+  EXPECT_THAT(fake::console_text(), HasSubstr("total_length[65535] \n"));
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 1)));
+  EXPECT_EQ(stored(), "abc");
+}
+
+TEST_F(ConfDownloadTest, NegativeTotalBeginsNothingAndIsAnsweredWithStateZero) {
+  push({.index = 0, .next = 1, .total = -1, .bytes = "abc"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 1)));
+  EXPECT_THAT(fake::console_text(), HasSubstr("total_length[-1] \n"));
+  EXPECT_FALSE(fake::file(kFile).has_value());
+  EXPECT_EQ(g_qel_conf.download_file, nullptr);
+  EXPECT_THAT(fake::shell_commands(), IsEmpty());
+}
+
+TEST_F(ConfDownloadTest, ChunkBeyondTheTotalIsNotStoredAndTheDownloadIsAbandoned) {
+  push({.index = 0, .next = 1, .total = 5, .bytes = "abc"});
+  push({.index = 1, .next = 1, .total = 5, .bytes = "def"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 2)));
+  EXPECT_EQ(g_qel_conf.download_file, nullptr);
+  EXPECT_EQ(g_qel_conf.download_data, nullptr);
+  EXPECT_THAT(fake::shell_commands(), IsEmpty());
+}
+
+TEST_F(ConfDownloadTest, ChunkOutsideTheFrameIsRefused) {
+  const Chunk big{.index = 0, .next = 1, .total = 4000, .bytes = "abc", .length = 1568};
+  push(big);
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 1)));
+  Chunk negative = big;
+  negative.length = -1;
+  push(negative);
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 1)));
+  Chunk huge = big;
+  huge.length = 4294967296;
+  push(huge);
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 1)));
+  EXPECT_EQ(g_qel_conf.download_file, nullptr);
+}
+
+TEST_F(ConfDownloadTest, ChunkThatEndsWithTheFrameIsTakenAndOneByteFurtherIsNot) {
+  const Chunk one{.index = 0, .next = 1, .total = 4000, .bytes = "a"};
+  push_at(one, 16 + 1567);  // the last of the 1568 bytes behind the header
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 1)));
+  EXPECT_EQ(stored(), bytes("\0"));
+  qel_api_download_reset();
+  push_at(one, 16 + 1568);
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 1)));
+  push_at(one, 15);
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 1)));
+  push_at(one, 65535);
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 1)));
+}
+
+TEST_F(ConfDownloadTest, RefusedChunkAbandonsTheDownloadThatWasOpen) {
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  push({.index = 1, .next = 1, .total = 9, .bytes = "def", .length = -5});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 2)));
+  push({.index = 2, .next = 1, .total = 9, .bytes = "ghi"});  // accepted, not stored
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 3)));
+  EXPECT_EQ(stored(), "abc");
+  push({.index = 0, .next = 1, .total = 9, .bytes = "new"});
+  EXPECT_EQ(stored(), "new");
+}
+
+TEST_F(ConfDownloadTest, ChunkWithoutBytesIsStoredWithoutTouchingTheFile) {
+  push({.index = 0, .next = 1, .total = 9, .bytes = ""});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 1)));
+  EXPECT_EQ(stored(), "");
+}
+
+TEST_F(ConfDownloadTest, OverUdpEveryChunkWithBytesIsRefused) {
+  qel_link link = udp_link();
+  const std::string text =
+      json_of({.index = 0, .next = 1, .total = 9, .bytes = "abc"}) + bytes("\0") + "abc";
+  qel_cmd_dispatch(&link, text.c_str(), 0);
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 1)));
+  EXPECT_FALSE(fake::file(kFile).has_value());
+  EXPECT_THAT(fake::console_text(), HasSubstr("offset[-16] "));
+}
+
+TEST_F(ConfDownloadTest, NewFirstChunkDoesNotRestartAnOpenDownload) {
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  EXPECT_EQ(stored(), "abcabc");
+}
+
+TEST_F(ConfDownloadTest, SecondGatewayAppendsToTheOpenDownload) {
+  push({.index = 0, .next = 1, .total = 6, .bytes = "abc"});
+  const Chunk other{.index = 1, .next = 0, .total = 6, .bytes = "XYZ"};
+  const fake::Mac second = {0x02, 0, 0, 0, 0, 0x99};
+  fake::clear_records();
+  const std::string text = json_of(other);
+  receive(text + bytes("\0") + other.bytes, second, kSwitchMac,
+          static_cast<uint16_t>(text.size() + 17));
+  EXPECT_EQ(stored(), "abcXYZ");
+  ASSERT_THAT(fake::sent(), SizeIs(1));
+  EXPECT_EQ(fake::sent().front().bytes.substr(0, 6), bytes("\x02\0\0\0\0\x99"));
+}
+
+TEST_F(ConfDownloadTest, FileThatCannotBeOpenedStoresNothingAndStillLeadsToTheRestart) {
+  fake::fail_os("fopen", ENOSPC, 1, 1);  // the console's line comes first
+  push({.index = 0, .next = 1, .total = 6, .bytes = "abc"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 1)));
+  EXPECT_THAT(fake::console_text(), HasSubstr("File Open failed\n"));
+  push({.index = 1, .next = 0, .total = 6, .bytes = "def"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
+  EXPECT_THAT(fake::shell_commands(), ElementsAre(kUnpack, kRemove, kFlash));
+  EXPECT_EQ(fake::reboots(), 1);
+}
+
+TEST_F(ConfDownloadTest, ApplyingWithoutTheFlagOnlyTellsSo) {
+  qel_api_update_down_config(0);
+  EXPECT_THAT(fake::shell_commands(), IsEmpty());
+  EXPECT_EQ(fake::reboots(), 0);
+  EXPECT_THAT(fake::console_text(), HasSubstr("[qel_api_update_down_config,"));
+  EXPECT_THAT(fake::console_text(), HasSubstr("] down config flag[0] \n"));
+}
+
+TEST_F(ConfDownloadTest, ResetIsToldAtItsStartAndAtItsEnd) {
+  qel_api_download_reset();
+  ASSERT_THAT(fake::console(), SizeIs(2));
+  EXPECT_THAT(fake::console()[0], HasSubstr("[qel_api_download_reset,"));
+  EXPECT_THAT(fake::console()[1], HasSubstr("[qel_api_download_reset,"));
+}
+
+TEST_F(ConfDownloadTest, DownloadNameWinsOverTheTableWhateverCmdSays) {
+  fake::clear_records();
+  receive(
+      R"({"cmd":"get","subcmd":"config_download","data":{"index":0,"next":1,"total_length":4}})");
+  EXPECT_THAT(sent_messages(),
+              ElementsAre(R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"config_download",)"
+                          R"("data":{"state":2,"index":1,"file":""}})"));
+}
+
+}  // namespace

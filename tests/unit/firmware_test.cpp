@@ -1,0 +1,396 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Firmware: an image pushed in chunks, an image fetched from a server, and the parts that nothing
+// starts.
+#include <cerrno>
+
+#include "qel/qel_cmd.h"
+#include "qel/qel_table.h"
+#include "qel/qel_upgrade.h"
+#include "tests/unit/support.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr char kImage[] = "/tmp/linux.trx";
+
+struct Chunk {
+  int index = 0;
+  int next = 0;
+  int64_t total = 0;
+  std::string bytes;
+  std::optional<int64_t> length = {};
+};
+
+std::string json_of(const Chunk& chunk) {
+  const int64_t length = chunk.length.value_or(static_cast<int64_t>(chunk.bytes.size()));
+  return R"({"mac":"gw","cmd":"update","subcmd":"firm_download","data":{"index":)" +
+         std::to_string(chunk.index) + ",\"next\":" + std::to_string(chunk.next) +
+         R"(,"file":"fw.trx","total_length":)" + std::to_string(chunk.total) +
+         ",\"crc\":7,\"length\":" + std::to_string(length) + "}}";
+}
+
+std::string answer(int state, int index) {
+  return R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"firm_download","data":{"state":)" +
+         std::to_string(state) + ",\"index\":" + std::to_string(index) + R"(,"file":"fw.trx"}})";
+}
+
+class FirmwareTest : public AgentTest {
+ protected:
+  FirmwareTest() { start(); }
+
+  void push(const Chunk& chunk) {
+    fake::clear_records();
+    const std::string text = json_of(chunk);
+    receive(text + bytes("\0") + chunk.bytes, kGatewayMac, kSwitchMac,
+            static_cast<uint16_t>(text.size() + 17));
+  }
+
+  static std::string image() { return fake::file(kImage).value_or("(no file)"); }
+};
+
+TEST_F(FirmwareTest, SingleChunkWithTheWholeImageStartsTheUpgrade) {
+  push({.total = 5, .bytes = "hello"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
+  EXPECT_EQ(image(), "hello");
+  EXPECT_THAT(fake::firmware().upgrades, ElementsAre(kImage));
+  EXPECT_EQ(fake::firmware().begins, 1);
+}
+
+TEST_F(FirmwareTest, AnswerOfAnAcceptedChunkInLiteralBytes) {
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  const std::string json =
+      R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"firm_download","data":{"state":2,)"
+      R"("index":1,"file":"fw.trx"}})";
+  ASSERT_THAT(fake::sent(), SizeIs(1));
+  EXPECT_THAT(fake::sent().front().bytes,
+              BytesAre(reply_header(static_cast<uint16_t>(json.size() + 16)) + json));
+}
+
+TEST_F(FirmwareTest, UpgradeStartsAfterTheAnswer) {
+  push({.total = 5, .bytes = "hello"});
+  const auto order = fake::calls_of({"sendto(", "sys_upgrade_firmware("});
+  ASSERT_THAT(order, SizeIs(2));
+  EXPECT_THAT(order[0], HasSubstr("sendto("));
+}
+
+TEST_F(FirmwareTest, FirstChunkDeletesAnOldImage) {
+  fake::set_file(kImage, "old");
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  EXPECT_EQ(image(), "abc");
+}
+
+TEST_F(FirmwareTest, RunningUpgradeRefusesTheFirstChunk) {
+  fake::firmware().upgrading = 1;
+  fake::set_file(kImage, "old");
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(-1, 0)));
+  EXPECT_EQ(image(), "old");
+  EXPECT_EQ(fake::firmware().begins, 0);
+  EXPECT_THAT(fake::console(),
+              testing::Contains("qel_cmd_handle_firm_download device upgrading \r\n"));
+}
+
+TEST_F(FirmwareTest, ChunksInOrderCompleteTheImage) {
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 1)));
+  push({.index = 1, .next = 1, .total = 9, .bytes = "def"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 2)));
+  push({.index = 2, .next = 0, .total = 9, .bytes = "ghi"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
+  EXPECT_EQ(image(), "abcdefghi");
+}
+
+TEST_F(FirmwareTest, RepeatedOrOlderChunkIsIgnored) {
+  for (int index = 0; index < 5; ++index) {
+    push({.index = index, .next = 1, .total = 90, .bytes = std::string(1, char('a' + index))});
+  }
+  push({.index = 3, .next = 1, .total = 90, .bytes = "d"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 4)));
+  push({.index = 4, .next = 1, .total = 90, .bytes = "e"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 5)));
+  EXPECT_EQ(image(), "abcde");
+  EXPECT_EQ(g_qel_upgrade.received, 5);
+}
+
+TEST_F(FirmwareTest, ChunkIndexesMayHaveHoles) {
+  push({.index = 0, .next = 1, .total = 4, .bytes = "ab"});
+  push({.index = 9, .next = 0, .total = 4, .bytes = "cd"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
+  EXPECT_EQ(image(), "abcd");
+}
+
+TEST_F(FirmwareTest, RepeatedFirstChunkBegunAnewByItsHandlerIsAppendedByTheOperation) {
+  qel_link link = eth_link();
+  const std::string part = "abc";
+  const auto span = std::span(reinterpret_cast<const uint8_t*>(part.data()), part.size());
+  stdout_of([&] { ASSERT_EQ(qel_upgrade_init(&link, 9), 0); });
+  EXPECT_EQ(qel_upgrade_append(&link, span, 0), 0);
+  EXPECT_EQ(qel_upgrade_append(&link, span, 0), 0);
+  EXPECT_EQ(image(), "abcabc");
+  EXPECT_EQ(g_qel_upgrade.received, 6);
+}
+
+TEST_F(FirmwareTest, ChunkWithoutBytesIsAcceptedWithoutTouchingTheFile) {
+  push({.index = 0, .next = 1, .total = 9, .bytes = ""});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 1)));
+  EXPECT_FALSE(fake::file(kImage).has_value());
+  EXPECT_EQ(g_qel_upgrade.has_data, 0U);
+}
+
+TEST_F(FirmwareTest, LastChunkThatLeavesTooFewBytesIsAnsweredIncomplete) {
+  push({.index = 0, .next = 0, .total = 9, .bytes = "abc"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(-2, 0)));
+  EXPECT_EQ(image(), "abc");
+  EXPECT_THAT(fake::firmware().upgrades, IsEmpty());
+}
+
+TEST_F(FirmwareTest, OverrunIsToldToThePlatformAndAnsweredAsAcceptedWhileMoreIsAnnounced) {
+  push({.index = 0, .next = 1, .total = 4, .bytes = "abc"});
+  push({.index = 1, .next = 1, .total = 4, .bytes = "def"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 2)));
+  EXPECT_THAT(fake::firmware().fail_codes, ElementsAre(-2));
+  push({.index = 2, .next = 0, .total = 4, .bytes = "g"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(-2, 0)));
+  EXPECT_THAT(fake::firmware().upgrades, IsEmpty());
+}
+
+TEST_F(FirmwareTest, ChunkOutsideTheFrameIsNotAppendedAndDoesNotCount) {
+  push({.index = 0, .next = 1, .total = 9000, .bytes = "abc"});
+  for (const int64_t length : {int64_t{-1}, int64_t{1568}, int64_t{4294967296}}) {
+    push({.index = 1, .next = 1, .total = 9000, .bytes = "x", .length = length});
+    EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 2)));
+    push({.index = 1, .next = 0, .total = 9000, .bytes = "x", .length = length});
+    EXPECT_THAT(sent_messages(), ElementsAre(answer(-2, 0)));
+  }
+  EXPECT_EQ(g_qel_upgrade.received, 3);
+  EXPECT_EQ(image(), "abc");
+}
+
+TEST_F(FirmwareTest, OverUdpEveryChunkWithBytesIsRefused) {
+  qel_link link = udp_link();
+  const std::string text =
+      json_of({.index = 0, .next = 0, .total = 3, .bytes = "abc"}) + bytes("\0") + "abc";
+  const std::string told = stdout_of([&] { qel_cmd_dispatch(&link, text.c_str(), 0); });
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(-2, 0)));
+  EXPECT_FALSE(fake::file(kImage).has_value());
+  EXPECT_THAT(told, HasSubstr("s_addr=0x"));
+}
+
+TEST_F(FirmwareTest, MessageWithoutDataIsNotAnswered) {
+  receive(R"({"mac":"gw","cmd":"update","subcmd":"firm_download"})");
+  EXPECT_THAT(fake::sent(), IsEmpty());
+}
+
+TEST_F(FirmwareTest, BytesThatCannotBeStoredMakeTheImageIncompleteForGood) {
+  push({.index = 0, .next = 1, .total = 6, .bytes = "abc"});
+  fake::fail_platform("tq_file_append");
+  push({.index = 1, .next = 1, .total = 6, .bytes = "def"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 2)));
+  EXPECT_THAT(fake::firmware().fail_codes, ElementsAre(-2));
+  fake::fail_platform("tq_file_append", false);
+  push({.index = 2, .next = 0, .total = 6, .bytes = "def"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(-2, 0)));
+  EXPECT_THAT(fake::firmware().upgrades, IsEmpty());
+  push({.index = 0, .next = 0, .total = 3, .bytes = "new"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
+}
+
+TEST_F(FirmwareTest, PeerIsKeptAndItsAddressesArePrinted) {
+  const std::string told =
+      stdout_of([this] { push({.index = 0, .next = 1, .total = 9, .bytes = "abc"}); });
+  EXPECT_EQ(told, "02:00:5e:10:20:30\n0a:1b:2c:3d:4e:5f\n");
+  EXPECT_EQ(g_qel_upgrade.peer.kind, 4U);
+  EXPECT_EQ(g_qel_upgrade.peer.gw_mac[5], 0x30);
+}
+
+TEST_F(FirmwareTest, TracesComeWithTheirBitOnly) {
+  push({.index = 0, .next = 0, .total = 3, .bytes = "abc"});
+  EXPECT_THAT(fake::console(), IsEmpty());
+  g_qel_dev.debug = 32;
+  push({.index = 0, .next = 0, .total = 3, .bytes = "abc"});
+  EXPECT_THAT(fake::console_text(), HasSubstr("[qel_upgrade_init,"));
+  EXPECT_THAT(fake::console_text(), HasSubstr("] totalsize[3]\r\n"));
+  EXPECT_THAT(fake::console_text(),
+              HasSubstr("qel_cmd_handle_firm_download device upgrading recvlen[0] writeindex[0] "
+                        "totalsize[3]\r\n"));
+  EXPECT_THAT(fake::console_text(), HasSubstr("[qel_json_firm_download,"));
+  EXPECT_THAT(fake::console_text(), HasSubstr("] buf[" + answer(3, 0) + "]\n"));
+}
+
+class ServerUpgradeTest : public FirmwareTest {
+ protected:
+  void ask(const std::string& data) {
+    fake::clear_records();
+    receive(R"({"mac":"gw","cmd":"set","subcmd":"hfs_upgrade")" +
+            (data.empty() ? "" : ",\"data\":" + data) + "}");
+  }
+  void ask_location(const std::string& location) {
+    ask(R"({"upgrade_serverinfo":")" + location + "\"}");
+  }
+};
+
+TEST_F(ServerUpgradeTest, FetchesTheImageAndStartsTheProgramInTheBackground) {
+  ask_location("http://192.168.1.5:8080/fw/linux.trx");
+  EXPECT_THAT(
+      fake::shell_commands(),
+      ElementsAre("wget -O /tmp/linux.trx http://192.168.1.5:8080/fw/linux.trx",
+                  "cp -fpR /morva/bin/morva_upgrade /tmp", "/tmp/morva_upgrade /tmp/linux.trx&"));
+  EXPECT_EQ(fake::firmware().state, 2);
+  EXPECT_EQ(fake::firmware().detail, 0);
+  EXPECT_THAT(fake::sent(), IsEmpty());
+  EXPECT_THAT(fake::console(), ElementsAre("Upgrading .....\n"));
+}
+
+TEST_F(ServerUpgradeTest, StateOtherThanIdleIsToldAndDoesNothing) {
+  fake::firmware().state = -5;
+  ask_location("http://h/x");
+  EXPECT_THAT(fake::shell_commands(), IsEmpty());
+  EXPECT_THAT(fake::console(), ElementsAre("Current upgrade state[-5] \n"));
+}
+
+TEST_F(ServerUpgradeTest, MissingDataOrLocationStillTellsTheLine) {
+  for (const char* data : {"", "{}", R"({"upgrade_serverinfo":5})"}) {
+    ask(data);
+    EXPECT_THAT(fake::shell_commands(), IsEmpty());
+    EXPECT_THAT(fake::console(), ElementsAre("Upgrading .....\n"));
+    EXPECT_EQ(fake::firmware().state, 0);
+  }
+}
+
+TEST_F(ServerUpgradeTest, LocationThatAShellCouldMisreadIsLoggedAndRunsNothing) {
+  for (const char* location : {"http://h/x;reboot",
+                               "http://h/x y",
+                               "$(reboot)",
+                               "`x`",
+                               "http://h/x&",
+                               "a|b",
+                               "a>b",
+                               "a<b",
+                               "'a'",
+                               "-O",
+                               "~root/x",
+                               "a*",
+                               "a?b",
+                               "a#b",
+                               "(a)",
+                               "{a}",
+                               "a!b",
+                               "a^b",
+                               "[a]",
+                               "",
+                               "http://h/\\u00e9",
+                               "a\\nb",
+                               "a\\\\b"}) {
+    ask_location(location);
+    EXPECT_THAT(fake::shell_commands(), IsEmpty()) << location;
+    EXPECT_THAT(fake::log_lines(), SizeIs(1)) << location;
+    EXPECT_EQ(fake::firmware().state, 0) << location;
+  }
+}
+
+TEST_F(ServerUpgradeTest, WholeCommandFitsItsTwoHundredFiftySixBytesOrIsRefused) {
+  // "wget -O /tmp/linux.trx " has 23 bytes; with the NUL, 232 are left for the location.
+  ask_location(std::string(232, 'a'));
+  EXPECT_THAT(fake::shell_commands(), SizeIs(3));
+  fake::firmware().state = 0;
+  ask_location(std::string(233, 'a'));
+  EXPECT_THAT(fake::shell_commands(), IsEmpty());
+  EXPECT_THAT(fake::log_lines(), SizeIs(1));
+}
+
+TEST_F(FirmwareTest, OvertimeTimerSleepsUntilItIsActive) {
+  EXPECT_EQ(stdout_of([] {
+              for (int i = 0; i < 100; ++i) {
+                EXPECT_EQ(qel_upgrade_overtime_reqest_timer(), 0);
+              }
+            }),
+            "");
+  EXPECT_EQ(g_qel_upgrade.overtime_count, 0);
+}
+
+TEST_F(FirmwareTest, OvertimeTimerCountsAndAsksAgainFromTheFourthTick) {
+  g_qel_upgrade.overtime_active = 1;
+  g_qel_upgrade.index = 6;
+  const std::string three = stdout_of([] {
+    for (int i = 0; i < 3; ++i) {
+      qel_upgrade_overtime_reqest_timer();
+    }
+  });
+  EXPECT_THAT(three, HasSubstr(" overttimes=3 index=6 \r\n"));
+  EXPECT_THAT(three, testing::Not(HasSubstr(", 43 index")));
+  const std::string fourth = stdout_of([] { qel_upgrade_overtime_reqest_timer(); });
+  EXPECT_THAT(fourth, HasSubstr("qel_upgrade_overtime_reqest_timer, "));
+  EXPECT_THAT(fourth, HasSubstr(" overttimes=4 index=6 \r\n"));
+  EXPECT_THAT(fourth, testing::MatchesRegex("[^\n]*\r\n[^\n]* index=6 \r\n"));
+}
+
+TEST_F(FirmwareTest, OvertimeOfSixtyOneAbandonsTheDownload) {
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  g_qel_upgrade.overtime_total = 60;
+  qel_upgrade_overtime_reqest_timer();
+  EXPECT_EQ(fake::firmware().state, 0);
+  g_qel_upgrade.overtime_total = 61;
+  qel_upgrade_overtime_reqest_timer();
+  EXPECT_EQ(fake::firmware().state, -5);
+  EXPECT_FALSE(fake::file(kImage).has_value());
+  EXPECT_EQ(g_qel_upgrade.total, 0);
+}
+
+TEST_F(FirmwareTest, EachChunkClearsTheOvertimeCounters) {
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  g_qel_upgrade.overtime_active = 1;
+  g_qel_upgrade.overtime_count = 3;
+  g_qel_upgrade.overtime_total = 9;
+  push({.index = 1, .next = 1, .total = 9, .bytes = "d"});
+  EXPECT_EQ(g_qel_upgrade.overtime_active, 0U);
+  EXPECT_EQ(g_qel_upgrade.overtime_count, 0);
+  EXPECT_EQ(g_qel_upgrade.overtime_total, 0);
+}
+
+// The older handler, which no message reaches.
+class OldFirmwareTest : public FirmwareTest {
+ protected:
+  int handle(const std::string& text) {
+    qel_link link = eth_link();
+    const qel_cjson_tree root(cJSON_Parse(text.c_str()));
+    int result = 0;
+    told_ = stdout_of(
+        [&] { result = qel_cmd_handle_upgrade(&link, root.get(), text.data(), text.size()); });
+    return result;
+  }
+  std::string told_;
+};
+
+TEST_F(OldFirmwareTest, BeginsAppendsAndSendsNoAnswer) {
+  EXPECT_EQ(handle(R"({"index":0,"binlen":0,"totallen":4})"), 0);
+  EXPECT_EQ(g_qel_upgrade.total, 4);
+  EXPECT_EQ(handle(R"({"index":1,"binlen":2,"totallen":4})" + bytes("\0") + "ab"), 0);
+  EXPECT_EQ(handle(R"({"index":2,"binlen":2,"totallen":4})" + bytes("\0") + "cd"), 0);
+  EXPECT_EQ(image(), "abcd");
+  EXPECT_THAT(fake::sent(), IsEmpty());
+}
+
+TEST_F(OldFirmwareTest, NegativeOrMissingTotalIsRefused) {
+  EXPECT_EQ(handle(R"({"index":0,"binlen":0})"), -1);
+  EXPECT_EQ(handle(R"({"index":0,"binlen":0,"totallen":-4})"), -1);
+  EXPECT_EQ(fake::firmware().begins, 0);
+}
+
+TEST_F(OldFirmwareTest, RunningUpgradeIsTold) {
+  fake::firmware().upgrading = 1;
+  EXPECT_EQ(handle(R"({"index":0,"binlen":0,"totallen":4})"), -1);
+  EXPECT_EQ(told_, "qel_cmd_handle_upgrade device upgrading \r\n");
+}
+
+TEST_F(OldFirmwareTest, BytesOutsideTheMessageAreRefused) {
+  EXPECT_EQ(handle(R"({"index":1,"binlen":3,"totallen":4})" + bytes("\0") + "ab"), -1);
+  EXPECT_EQ(handle(R"({"index":1,"binlen":-3,"totallen":4})" + bytes("\0") + "ab"), -1);
+  EXPECT_FALSE(fake::file(kImage).has_value());
+}
+
+}  // namespace
