@@ -3,10 +3,18 @@
 // The hardware layer of platform/hal.h. On a Linux machine the switch chip is morvad's.
 #include "platform/hal.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 
+#include "platform/linux/fd.h"
 #include "platform/linux/json.h"
 #include "platform/linux/morva_call.h"
+#include "platform/linux/paths.h"
 #include "platform/log.h"
 #include "platform/sys.h"
 
@@ -64,11 +72,59 @@ long read_chunk(hal_mac_entry* entries, uint32_t start, uint32_t batch, uint32_t
   return count;
 }
 
+constexpr mode_t kRunDirMode = 0750;
+constexpr mode_t kLockMode = 0640;
+
+// The lock of this process's client number. Nobody closes it: the kernel does, however we end.
+int held_lock = -1;
+int held_client = -1;
+
+// Opens the lock file of `client`; a negative errno on failure.
+int open_lock(int client) {
+  char path[kMorvaPathSize];
+  // morvad makes the folder as well; whoever comes first does.
+  if (mkdir(morva_path(path, sizeof path, MORVA_RUN_DIR), kRunDirMode) != 0 && errno != EEXIST) {
+    return -errno;
+  }
+  char name[64];
+  snprintf(name, sizeof name, MORVA_RUN_DIR "/client-%d.lock", client);
+  const int fd = open(morva_path(path, sizeof path, name),
+                      O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kLockMode);
+  return fd >= 0 ? fd : -errno;
+}
+
+// Takes the client number for the life of this process. Returns 0, or -1; does not return when
+// another process lives under that number.
+int hold_client(int client) {
+  if (held_lock >= 0 && held_client == client) {
+    return 0;
+  }
+  UniqueFd lock(open_lock(client));
+  if (!lock.valid()) {
+    zlog_err("hal: client %d: no lock file: %s", client, strerror(-lock.get()));
+    return -1;
+  }
+  while (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EWOULDBLOCK) {
+      zlog_err("hal: client %d is another process that runs already", client);
+      exit(1);
+    }
+    if (errno != EINTR) {
+      zlog_err("hal: client %d: no lock: %s", client, strerror(errno));
+      return -1;
+    }
+  }
+  held_lock = lock.release();
+  held_client = client;
+  return 0;
+}
+
 }  // namespace
 
 // The agent attaches before it waits for the rest of the switch, so it is no failure here that
 // nobody answers yet: nothing on this platform depends on having been told.
 int hal_init(int client) {
+  const int held = hold_client(client);
   static char reply[256];
   char request[96];
   const int length =
@@ -77,7 +133,7 @@ int hal_init(int client) {
   if (length > 0) {
     morva_call("hal", request, reply, sizeof reply, morva_deadline_ms());
   }
-  return 0;
+  return held;
 }
 
 int hal_qel_enable(int enable) {
