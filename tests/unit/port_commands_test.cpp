@@ -131,13 +131,15 @@ INSTANTIATE_TEST_SUITE_P(
                     SpeedName{"10M-F", 3}, SpeedName{"100M", 4}, SpeedName{"100M-H", 5},
                     SpeedName{"100M-F", 6}, SpeedName{"1G", 7}, SpeedName{"1G-F", 8},
                     SpeedName{"2.5G", 9}, SpeedName{"5G", 10}, SpeedName{"10G", 11},
-                    SpeedName{"25G", 12}, SpeedName{"40G", 13}, SpeedName{"100G", 14}));
+                    SpeedName{"25G", 12}, SpeedName{"40G", 13}, SpeedName{"100G", 14}),
+    [](const auto& row) { return "Code" + std::to_string(row.param.code); });
 
 INSTANTIATE_TEST_SUITE_P(OtherTexts, SpeedCode,
                          testing::Values(SpeedName{"1000M", 15}, SpeedName{"1g", 15},
                                          SpeedName{"an", 15}, SpeedName{"", 15},
                                          SpeedName{" 1G", 15}, SpeedName{"1G ", 15},
-                                         SpeedName{"100", 15}, SpeedName{"%n%n", 15}));
+                                         SpeedName{"100", 15}, SpeedName{"%n%n", 15}),
+                         [](const auto& row) { return "Text" + std::to_string(row.index); });
 
 TEST_F(PortCommandTest, SpeedWithoutANameHasCode15) {
   EXPECT_EQ(qel_port_speed_code(nullptr), 15);
@@ -211,7 +213,11 @@ INSTANTIATE_TEST_SUITE_P(Delays, RestartDelay,
                          testing::Values(Delay{"1", 1, 1}, Delay{"255", 255, 255},
                                          Delay{"300", 300, 44}, Delay{"-1", -1, 255},
                                          Delay{"2147483647", 2147483647, 255},
-                                         Delay{"257", 257, 1}));
+                                         Delay{"257", 257, 1}),
+                         [](const auto& row) {
+                           return "Case" + std::to_string(row.index) + "Keeps" +
+                                  std::to_string(row.param.kept);
+                         });
 
 TEST_F(PortCommandTest, RestartWithZeroOrAMultipleOf256LeavesThePortDown) {
   for (const char* delay : {"0", "256", "512", "-256", "65536"}) {
