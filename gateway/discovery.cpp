@@ -13,8 +13,8 @@ namespace {
 
 constexpr const char* kSubject = "answer";
 
-// Notes an answer; a second one of the same switch changes nothing.
-void note_answer(const Reply& reply, const Identity& identity, Session& session, Discovery& found) {
+// Notes an answer. False for a second one of the same switch, which changes nothing.
+bool note_answer(const Reply& reply, const Identity& identity, Session& session, Discovery& found) {
   const auto same = std::ranges::find(found.switches, reply.mac, &Switch::mac);
   if (same == found.switches.end()) {
     found.switches.push_back(
@@ -22,7 +22,7 @@ void note_answer(const Reply& reply, const Identity& identity, Session& session,
     if (session.transport().address_of(reply.mac) == Peer{}) {
       found.switches.back().address = reply.from;
     }
-    return;
+    return true;
   }
   if (!(same->source == reply.from)) {
     auto fault = fmt::format("two switches call themselves {}; the second is left out",
@@ -31,6 +31,7 @@ void note_answer(const Reply& reply, const Identity& identity, Session& session,
       found.faults.push_back(std::move(fault));
     }
   }
+  return false;
 }
 
 }  // namespace
@@ -54,7 +55,8 @@ Task<Discovery> discover(Session& session, DiscoveryOptions options) {
   question.text = probe_text(session.transport().own_mac(), tick);
   question.patience = options.window;
   question.sends = options.probes;
-  question.whole_time = true;
+  question.whole_time = options.quiet == Duration(0);
+  question.quiet = options.quiet;
   question.take = [&](const Reply& reply) {
     const Identity identity = read_identity(reply.data);
     if (identity.ntick != static_cast<int64_t>(tick)) {
@@ -63,11 +65,14 @@ Task<Discovery> discover(Session& session, DiscoveryOptions options) {
     if (identity.mac != reply.mac) {
       throw BadReply("the answer names two MAC addresses");
     }
-    note_answer(reply, identity, session, found);
+    if (!note_answer(reply, identity, session, found)) {
+      return Verdict::Seen;
+    }
     const bool complete = options.expected > 0 && found.switches.size() >= options.expected;
     return options.only || complete ? Verdict::Done : Verdict::More;
   };
-  const Outcome outcome = co_await session.ask(std::move(question));
+  auto wait = session.ask(std::move(question));
+  const Outcome outcome = co_await wait;
   found.interrupted = outcome == Outcome::Interrupted;
   std::ranges::sort(found.switches, {}, &Switch::mac);
   co_return found;

@@ -25,6 +25,7 @@ struct DiscoveryOptions {
   Duration window{1500};
   int probes = 3;                  // spread over the window, as frames get lost
   size_t expected = 0;             // ends when so many have answered; 0: waits out the window
+  Duration quiet{0};               // ends when no new switch answered for so long; 0: never
   std::optional<MacAddress> only;  // asks this one alone, and ends with its answer
 };
 

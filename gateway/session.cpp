@@ -71,6 +71,13 @@ Reply read_reply(Incoming incoming) {
   return reply;
 }
 
+Session::Wait::~Wait() {
+  if (exchange_) {
+    exchange_->finished = true;
+    exchange_->waiter = {};
+  }
+}
+
 bool Session::Wait::await_ready() const {
   return exchange_->finished;
 }
@@ -93,7 +100,8 @@ Session::Wait Session::ask(Question question) {
   }
   exchange->sends_left = std::max(exchange->question.sends, 1);
   exchange->deadline = now() + exchange->question.patience;
-  exchange->last = now() + kPatienceRounds * exchange->question.patience;
+  exchange->last = now() + (exchange->question.quiet > Duration(0) ? 1 : kPatienceRounds) *
+                               exchange->question.patience;
   transmit(*exchange);
   exchanges_.push_back(exchange);
   return Wait(exchange);
@@ -265,11 +273,20 @@ bool Session::offer(const Reply& reply, Exchange& exchange) {
   }
   if (verdict == Verdict::Done) {
     finish(exchange, Outcome::Answered);
-  } else if (!question.whole_time) {
-    exchange.deadline = std::min(now() + question.patience, exchange.last);
-    exchange.resend = now() + resend_step(question);
+  } else if (verdict == Verdict::More && question.quiet > Duration(0)) {
+    exchange.deadline = std::min(now() + question.quiet, exchange.last);
   }
   return true;
+}
+
+// The switch is alive and at work: whoever waits for it gets new patience, up to a bound.
+void Session::renew(Exchange& exchange) {
+  const Question& question = exchange.question;
+  if (exchange.finished || question.whole_time || question.quiet > Duration(0)) {
+    return;
+  }
+  exchange.deadline = std::min(now() + question.patience, exchange.last);
+  exchange.resend = now() + resend_step(question);
 }
 
 void Session::deliver(Incoming incoming) {
@@ -278,6 +295,11 @@ void Session::deliver(Incoming incoming) {
     const Reply reply = read_reply(std::move(incoming));
     for (const auto& exchange : exchanges_) {
       if (offer(reply, *exchange)) {
+        for (const auto& other : exchanges_) {
+          if (other->question.source == from) {
+            renew(*other);
+          }
+        }
         return;
       }
     }

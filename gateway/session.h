@@ -29,7 +29,8 @@ struct Reply {
   Peer from;
   MacAddress mac;       // the "mac" of the envelope; zero when there is none
   std::string subject;  // "answer", "pong", or the "subcmd" of an update; empty without envelope
-  Json data;         // the "data" of the envelope; without envelope the text parsed, if it is JSON
+  // The "data" of the envelope; without envelope the whole text, discarded when it is no JSON.
+  Json data = Json(Json::value_t::discarded);
   std::string text;  // as it came
   std::vector<uint8_t> chunk;
 };
@@ -38,7 +39,12 @@ struct Reply {
 // for text that a module can not have sent.
 Reply read_reply(Incoming incoming);
 
-enum class Verdict { Ignore, More, Done };
+enum class Verdict {
+  Ignore,  // not an answer to this question
+  Seen,    // an answer, but nothing new
+  More,    // a piece of the answer
+  Done,    // the last piece
+};
 
 struct Question {
   Peer to;
@@ -51,6 +57,7 @@ struct Question {
   Duration patience{2000};  // from the last piece of the answer on
   int sends = 1;            // how often the question may go out within its patience
   bool whole_time = false;  // listens for all of `patience`, whatever comes in
+  Duration quiet{0};        // if not 0: after the first piece, ends so long after the last piece
   // Looks at a reply that matches. A BadReply that it throws is treated like Ignore and told to the
   // bad-reply handler.
   std::function<Verdict(const Reply&)> take;
@@ -80,9 +87,15 @@ class Session {
 
   struct Exchange;
 
+  // The awaitable end of a question. Letting go of it withdraws the question.
   class [[nodiscard]] Wait {
    public:
     explicit Wait(std::shared_ptr<Exchange> exchange) : exchange_(std::move(exchange)) {}
+    Wait(const Wait&) = delete;
+    Wait& operator=(const Wait&) = delete;
+    Wait(Wait&&) noexcept = default;
+    Wait& operator=(Wait&&) = delete;
+    ~Wait();
     bool await_ready() const;
     void await_suspend(std::coroutine_handle<> waiter);
     Outcome await_resume() const;
@@ -130,6 +143,7 @@ class Session {
   void finish(Exchange& exchange, Outcome outcome);
   void check_interrupt();
   void transmit(Exchange& exchange);
+  void renew(Exchange& exchange);
 
   Transport& transport_;
   const Clock& clock_;

@@ -40,6 +40,10 @@ void add_shared_options(CLI::App& app, Options& options) {
 
 void add_commands(CLI::App& app, Choice& choice) {
   add_discover(app, choice);
+  add_show(app, choice);
+  add_ports(app, choice);
+  add_port(app, choice);
+  add_system(app, choice);
 }
 
 int run_action(const Options& options, const Choice& choice) {

@@ -14,7 +14,7 @@ ExitCode run_discover(Context& context, size_t expected) {
   DiscoveryOptions options;
   options.window = context.patience(options.window);
   if (context.options().dry_run) {
-    print_message(context, probe_text(context.transport().own_mac(), 1), "every switch");
+    print_message(context, probe_text(MacAddress{}, 1), "every switch");
     return ExitCode::Done;
   }
   options.expected = expected;

@@ -92,7 +92,7 @@ void Context::print(const std::string& text) const {
   std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
-void Context::print_json(const nlohmann::ordered_json& value) const {
+void Context::print_json(const OrderedJson& value) const {
   print(dump_json(value) + "\n");
 }
 

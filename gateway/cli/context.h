@@ -13,6 +13,7 @@
 
 #include "gateway/discovery.h"
 #include "gateway/error.h"
+#include "gateway/requests.h"
 #include "gateway/session.h"
 #include "gateway/table.h"
 #include "gateway/transport.h"
@@ -58,7 +59,7 @@ class Context {
 
   // Standard output: a text as it stands; a line of JSON.
   void print(const std::string& text) const;
-  void print_json(const nlohmann::ordered_json& value) const;
+  void print_json(const OrderedJson& value) const;
   // Standard error, after "qelctl: ".
   void note(const std::string& text) const;
   // The same, but each text only once.
@@ -85,5 +86,9 @@ struct Choice {
 
 // Each adds one command, or a family of them, to the command line.
 void add_discover(CLI::App& app, Choice& choice);
+void add_show(CLI::App& app, Choice& choice);
+void add_ports(CLI::App& app, Choice& choice);  // ports, stats, poe, clients
+void add_port(CLI::App& app, Choice& choice);
+void add_system(CLI::App& app, Choice& choice);  // ip, time, name, active, reboot, reset, query
 
 }  // namespace qel_gateway::cli

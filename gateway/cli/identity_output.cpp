@@ -9,9 +9,9 @@
 
 namespace qel_gateway::cli {
 
-nlohmann::ordered_json identity_json(const Switch& one) {
+OrderedJson identity_json(const Switch& one) {
   const Identity& id = one.identity;
-  nlohmann::ordered_json out;
+  OrderedJson out;
   out["mac"] = mac_display(one.mac);
   out["name"] = id.name;
   out["ip"] = id.ip;
@@ -57,7 +57,7 @@ Table identity_table(const std::vector<Switch>& switches) {
 
 void print_message(const Context& context, const std::string& text, const std::string& receiver) {
   if (context.options().json) {
-    nlohmann::ordered_json out;
+    OrderedJson out;
     out["to"] = receiver;
     out["message"] = text;
     context.print_json(out);

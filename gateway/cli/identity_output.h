@@ -11,7 +11,7 @@
 
 namespace qel_gateway::cli {
 
-nlohmann::ordered_json identity_json(const Switch& one);
+OrderedJson identity_json(const Switch& one);
 
 Table identity_table(const std::vector<Switch>& switches);
 

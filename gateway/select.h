@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Which switches a command means: a MAC, a name, all, or the only one.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "gateway/discovery.h"
+
+namespace qel_gateway {
+
+struct Selection {
+  std::vector<Switch> switches;     // at least one
+  std::vector<std::string> faults;  // answers that were dropped, one line each
+};
+
+// `selector` is a MAC, a name (compared as it stands), "all", or empty for the only switch there
+// is. Probes for at most `window`. Throws Error when none answers (no answer), and when a name or
+// the empty selector fits more than one (usage, naming them); Interrupted.
+Task<Selection> select_switches(Session& session, std::string selector, Duration window);
+
+}  // namespace qel_gateway
