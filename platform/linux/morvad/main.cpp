@@ -10,6 +10,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 
@@ -141,10 +142,7 @@ int run(Board board) {
   return status;
 }
 
-}  // namespace
-}  // namespace morvad
-
-int main(int argc, char** argv) {
+int start(int argc, char** argv) {
   CLI::App app{"morvad plays the rest of the switch around the qel agent"};
   std::string file;
   bool foreground = false;
@@ -154,12 +152,19 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : morvad::kExitUsage;
+    return app.exit(error) == 0 ? 0 : kExitUsage;
   }
+  return run(read_board(file));
+}
+
+}  // namespace
+}  // namespace morvad
+
+int main(int argc, char** argv) {
   try {
-    return morvad::run(morvad::read_board(file));
+    return morvad::start(argc, argv);
   } catch (const std::exception& error) {
-    morvad::log_line(error.what());
+    fprintf(stderr, "morvad: %s\n", error.what());
     return morvad::kExitFailed;
   }
 }

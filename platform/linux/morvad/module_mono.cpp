@@ -62,7 +62,7 @@ void port_config_get_all(Context& context, const Request&, std::string& out) {
     rows.push_back(
         {{"name", port.built.name}, {"enable", port.enabled ? 1 : 0}, {"speed", port.speed_conf}});
   }
-  answer_data(out, std::move(rows));
+  answer_data(out, rows);
 }
 
 /// Takes enabled ports down now and, after their delay, gives them the state that the settings then

@@ -22,7 +22,7 @@ void port_config_get_all(Context& context, const Request&, std::string& out) {
                       {"supply_priority", port.poe_priority}});
     }
   }
-  answer_data(out, std::move(rows));
+  answer_data(out, rows);
 }
 
 Port& power_port(Port& port) {

@@ -22,7 +22,7 @@ void l3if_info_get(Context& context, const Request&, std::string& out) {
                     {"method", context.sw.settings().text(interface + ".method", "0")},
                     {"gateway", ""}});
   }
-  answer_data(out, std::move(rows));
+  answer_data(out, rows);
 }
 
 /// Takes "A.B.C.D/N" apart.

@@ -33,7 +33,8 @@ void serve(Context& context, const Module& module, std::string_view text, pid_t 
            std::string& out) {
   out.clear();
   try {
-    Request request = parse_request(text);
+    Request request;
+    parse_request(text, request);
     request.pid = pid;
     if (request.module != module.name) {
       throw Refused("mdl: this is " + std::string(module.name));

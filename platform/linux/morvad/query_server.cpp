@@ -22,7 +22,7 @@ namespace {
 
 constexpr int kBacklog = 64;
 constexpr size_t kReadStep = 16384;
-constexpr size_t kBufferKept = 256 * 1024;  // larger buffers are given back after use
+constexpr size_t kBufferKept = size_t{256} * 1024;  // larger buffers are given back after use
 
 bool socket_address(const Module& module, sockaddr_un& address) {
   const std::string place = std::string(MORVA_RUN_DIR "/") + std::string(module.name) + ".sock";

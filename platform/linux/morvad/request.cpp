@@ -50,10 +50,9 @@ bool has(const json& object, const char* key) {
 
 }  // namespace
 
-Request parse_request(std::string_view text) {
-  Request request;
+void parse_request(std::string_view text, Request& request) {
   if (parse_plain(text, request)) {
-    return request;
+    return;
   }
   if (too_deep(text, kMaxDepth)) {
     throw Refused("nested too deep");
@@ -71,7 +70,6 @@ Request parse_request(std::string_view text) {
       break;
     }
   }
-  return request;
 }
 
 int64_t as_int(const json& value, const std::string& what, int64_t low, int64_t high) {
@@ -127,7 +125,7 @@ void answer(std::string& out) {
   out = "{\"ret\":0}";
 }
 
-void answer_data(std::string& out, json data) {
+void answer_data(std::string& out, const json& data) {
   out = "{\"ret\":0,\"data\":";
   out += to_text(data);
   out += '}';

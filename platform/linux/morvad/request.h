@@ -24,14 +24,18 @@ struct Refused : std::runtime_error {
 };
 
 struct Request {
+  Request() {}  // not noexcept: an empty JSON value may throw
+  Request(const Request&) = delete;
+  Request& operator=(const Request&) = delete;
+
   std::string module;
   std::string command;
   json payload;   // "data" or "config"; null when there is none
   pid_t pid = 0;  // who asks; 0 when unknown
 };
 
-/// Takes a request text apart. Throws Refused when it is not a request.
-Request parse_request(std::string_view text);
+/// Takes a request text apart, into a fresh `request`. Throws Refused when it is not a request.
+void parse_request(std::string_view text, Request& request);
 
 /// Members of a payload object. Each throws Refused when `key` is missing or of another kind;
 /// `where` names the place in the message.
@@ -48,9 +52,9 @@ bool bool_member_or(const json& object, const char* key, bool fallback);
 int64_t as_int(const json& value, const std::string& what, int64_t low, int64_t high);
 
 /// Answers. `out` is empty before.
-void answer(std::string& out);                        // {"ret":0}
-void answer_data(std::string& out, json data);        // {"ret":0,"data":...}
-void refuse(std::string& out, std::string_view why);  // {"ret":-1,"error":...}
+void answer(std::string& out);                         // {"ret":0}
+void answer_data(std::string& out, const json& data);  // {"ret":0,"data":...}
+void refuse(std::string& out, std::string_view why);   // {"ret":-1,"error":...}
 
 /// JSON text of a value; bytes that are not UTF-8 are replaced.
 std::string to_text(const json& value);
