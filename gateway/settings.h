@@ -84,6 +84,11 @@ Task<EffectReport> await_restart(Session& session, const Switch& one, RestartMar
 Task<EffectReport> restart_switch(Session& session, const Switch& one, bool reset,
                                   Duration patience, Duration come_back);
 
+// Has the switch fetch firmware from `location`. It does not answer, does nothing else meanwhile
+// and tells nothing of the upgrade: Unseen when it answers probes again, Silent when not in time.
+Task<EffectReport> fetch_firmware(Session& session, const Switch& one, std::string location,
+                                  Duration patience);
+
 struct ClockReport {
   std::string ip;
   int prefix = 0;

@@ -156,4 +156,17 @@ Task<EffectReport> set_active(Session& session, const Switch& one, int seconds, 
   });
 }
 
+Task<EffectReport> fetch_firmware(Session& session, const Switch& one, std::string location,
+                                  Duration patience) {
+  check_location(location);
+  send_set(session, one, fetch_firmware_text(mac_text(one.mac), location));
+  const auto identity = co_await ask_identity(session, one, patience);
+  if (!identity) {
+    co_return EffectReport{Effect::Silent, "sent; the switch has not answered since"};
+  }
+  co_return EffectReport{Effect::Unseen,
+                         "sent; the switch answers again, and does not say whether it fetched the "
+                         "image"};
+}
+
 }  // namespace qel_gateway

@@ -44,6 +44,7 @@ void add_commands(CLI::App& app, Choice& choice) {
   add_ports(app, choice);
   add_port(app, choice);
   add_system(app, choice);
+  add_transfer(app, choice);
 }
 
 int run_action(const Options& options, const Choice& choice) {

@@ -89,6 +89,7 @@ void add_discover(CLI::App& app, Choice& choice);
 void add_show(CLI::App& app, Choice& choice);
 void add_ports(CLI::App& app, Choice& choice);  // ports, stats, poe, clients
 void add_port(CLI::App& app, Choice& choice);
-void add_system(CLI::App& app, Choice& choice);  // ip, time, name, active, reboot, reset, query
+void add_transfer(CLI::App& app, Choice& choice);  // backup, restore, firmware
+void add_system(CLI::App& app, Choice& choice);    // ip, time, name, active, reboot, reset, query
 
 }  // namespace qel_gateway::cli
