@@ -20,7 +20,8 @@ struct uclient;
 /* One message of the manager, already taken apart; opaque to daemons, valid during a callback. */
 struct uclient_msg;
 
-/* `conn_fd` and `listen_fd` are for the daemon's read registrations; the callbacks are its hooks. */
+/* `conn_fd` and `listen_fd` are for the daemon's read registrations; the callbacks are its hooks.
+ */
 struct uclient {
   int conn_fd;   /* the connection to the manager; -1 when there is none */
   int listen_fd; /* the manager connects back here */

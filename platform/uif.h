@@ -59,7 +59,9 @@ extern int g_port_max;
  * True when the record is a physical switch port. Agent code and platform share the one rule:
  * the top byte of the index is not zero.
  */
-static inline int uif_index_is_port(uint32_t index) { return (index >> 24) != 0; }
+static inline int uif_index_is_port(uint32_t index) {
+  return (index >> 24) != 0;
+}
 
 /* Fills the interface cache. Called once, before any look-up. */
 void uif_init(void);

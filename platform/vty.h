@@ -79,7 +79,8 @@ void install_default(int node);
  */
 void vty_serv_sock(const char* address, unsigned short port, const char* path);
 
-/* Writes to the session or configuration, printf style. Returns the number of bytes, -1 on error. */
+/* Writes to the session or configuration, printf style. Returns the number of bytes, -1 on error.
+ */
 int vty_out(struct vty* vty, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 /* The line end of this session: "\r\n" for a terminal connection, "\n" otherwise. */
