@@ -7,6 +7,7 @@
 packages_build=(
   cmake ninja-build g++ ccache
   libcjson-dev libevent-dev libtelnet-dev libcli11-dev libfmt-dev nlohmann-json3-dev zlib1g-dev
+  libnl-3-dev libnl-route-3-dev libnl-genl-3-dev libnftables-dev
   googletest libgtest-dev libgmock-dev
 )
 
@@ -16,6 +17,6 @@ packages_run=(python3 iproute2 util-linux procps)
 # To run every test and check.
 packages_test=(
   clang clang-format clang-tidy libclang-rt-14-dev
-  python3-pytest python3-jsonschema shellcheck telnet
+  python3-pytest python3-jsonschema shellcheck telnet lldpd iputils-ping
   g++-mips-linux-gnu qemu-user dpkg-dev
 )

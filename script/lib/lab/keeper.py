@@ -13,6 +13,7 @@ import signal
 import sys
 import time
 
+import bridge
 import filesystem
 import namespaces as ns
 import network
@@ -30,6 +31,7 @@ class Keeper:
         self.options = options
         self.control = control  # carries signal numbers from outside; its end means: end at once
         self.switches = []
+        self.hosts = []  # the client hosts of a switch whose ports are interfaces
         self.command = 0  # pid of the command while it runs
         self.exit_status = EXIT_LAB
         self.stopping = False
@@ -68,7 +70,13 @@ class Keeper:
         for switch in self.switches:
             switch.open_pipes()
             switch.fork_holder(visible)
-        network.connect(self.switches)
+        interfaces = self.switches[0].interfaces
+        if interfaces and len(self.switches) > 1:
+            raise ValueError("a board with interfaces behind its ports makes one switch")
+        if interfaces:
+            self.hosts = bridge.connect(self.switches[0], interfaces)
+        else:
+            network.connect(self.switches)
         for switch in self.switches:
             switch.release_holder()
         for switch in self.switches:
@@ -178,6 +186,7 @@ class Keeper:
         environment["LAB_SWITCH"] = shlex.join(self.switches[0].prefix())
         for switch in self.switches:
             environment[f"LAB_SWITCH_{switch.number}"] = shlex.join(switch.prefix())
+        environment.update(bridge.environment(self.hosts))
         environment["PATH"] = f"{self.options.build_dir}/bin:{environment['PATH']}"
         if self.options.interactive:
             environment.setdefault("PS1", "lab$ ")

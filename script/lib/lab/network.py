@@ -14,10 +14,11 @@ MTU = 2000  # a frame of the agent can be 1632 bytes long
 FIRST_INDEX = 100  # interface numbers of the gateway's ends are above this one
 
 
-def _ip_batch(lines):
-    """Runs ip(8) once over `lines`."""
+def ip_batch(lines, prefix=()):
+    """Runs ip(8) once over `lines`, behind the command prefix `prefix`."""
     text = "\n".join(lines) + "\n"
-    result = subprocess.run(["ip", "-batch", "-"], input=text, text=True, capture_output=True)
+    command = [*prefix, "ip", "-batch", "-"]
+    result = subprocess.run(command, input=text, text=True, capture_output=True)
     if result.returncode != 0:
         raise OSError(f"ip: {result.stderr.strip()}")
 
@@ -48,12 +49,12 @@ def connect(switches):
         if not single:
             lines.append(f"link set dev {end} master br up")
     lines += [f"address add {gateway_address(switches)} dev gw0", "link set dev gw0 up"]
-    _ip_batch(lines)
+    ip_batch(lines)
 
 
 def start_switch_side():
     """Brings the interfaces of the current network namespace, a switch's, up."""
-    _ip_batch(["link set dev lo up", "link set dev vlanif1 up"])
+    ip_batch(["link set dev lo up", "link set dev vlanif1 up"])
 
 
 def gateway_address(switches):

@@ -12,6 +12,7 @@ import sys
 import time
 
 import boards
+import bridge
 import filesystem
 import namespaces as ns
 import network
@@ -41,6 +42,7 @@ class Switch:
         board = boards.read(board_file)
         self.mac = boards.mac(board, number)
         self.address = boards.address(board, number)
+        self.interfaces = bridge.ports(board)  # behind its ports; none: they live in memory
         self.board_file = board_file
         self._prepare_directory()
         if number > 1:
@@ -104,7 +106,10 @@ class Switch:
         os.write(report, b"k")
         if os.read(go, 1) != b"g":
             return
-        network.start_switch_side()
+        if self.interfaces:
+            bridge.start_switch_side(self.interfaces, self.mac)
+        else:
+            network.start_switch_side()
         visible = [*keep_visible, self.board_file, self.directory]
         filesystem.build_switch_root(self._path(".root"), self.directory, visible, self.programs)
         os.write(report, b"k")
