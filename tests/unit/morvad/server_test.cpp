@@ -59,7 +59,8 @@ class QueryServerTest : public LoopTest {
   sockaddr_un address(const std::string& module) const {
     sockaddr_un out{};
     out.sun_family = AF_UNIX;
-    strcpy(out.sun_path, at("/var/run/morva/" + module + ".sock").c_str());
+    snprintf(out.sun_path, sizeof out.sun_path, "%s",
+             at("/var/run/morva/" + module + ".sock").c_str());
     return out;
   }
 
