@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A switch of 28 ports in a known state, and its reports byte for byte: 24 copper ports of 1 Gbit/s
-// with power, 4 fibre ports of 10 Gbit/s. The texts are written by hand, no builder made them.
+// with power, 4 fibre ports of 10 Gbit/s. The texts are written out here; no builder made them.
 #pragma once
 
 #include <string>
