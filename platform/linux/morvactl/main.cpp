@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "platform/linux/morvactl/client.h"
+#include "platform/linux/morvactl/from_bridge.h"
 #include "platform/linux/morvactl/show.h"
 
 namespace morvactl {
@@ -258,6 +259,11 @@ void add_whole(CLI::App& app, Words& words) {
     }
     send_event(words.word);
   });
+  CLI::App* board = subcommand(app, "board", "Print a board file for this machine",
+                               "board --from-bridge vlanif1 > board.json");
+  board->add_option("--from-bridge", words.word, "The bridge whose interfaces are the ports")
+      ->required();
+  board->callback([&words] { std::cout << board_from_bridge(words.word); });
   subcommand(app, "restart", "Restart the switch: morvad and the agent", "restart")->callback([] {
     done("restart");
   });

@@ -25,6 +25,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/linux/morvad/kernel/netlink.h"
 #include "platform/linux/morvad/log.h"
 #include "platform/linux/paths.h"
 
@@ -53,10 +54,6 @@ int address_ioctl(const std::string& interface, unsigned long request, in_addr_t
   memcpy(&value, &message.ifr_addr, sizeof value);
   address = value.sin_addr.s_addr;
   return 0;
-}
-
-in_addr_t netmask(int prefix) {
-  return htonl(prefix == 0 ? 0 : ~uint32_t{0} << (32 - prefix));
 }
 
 }  // namespace
@@ -114,14 +111,7 @@ bool HostLinux::address_get(const std::string& interface, Address& out) {
 }
 
 int HostLinux::address_set(const std::string& interface, const Address& address) {
-  in_addr wanted{};
-  if (inet_pton(AF_INET, address.ip.c_str(), &wanted) != 1) {
-    return -EINVAL;
-  }
-  in_addr_t ip = wanted.s_addr;
-  in_addr_t mask = netmask(address.prefix);
-  const int result = address_ioctl(interface, SIOCSIFADDR, ip);
-  return result != 0 ? result : address_ioctl(interface, SIOCSIFNETMASK, mask);
+  return Netlink().address_set(interface, address);
 }
 
 bool HostLinux::send_event(const std::string& text) {

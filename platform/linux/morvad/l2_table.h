@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 #include <span>
+#include <utility>
 #include <vector>
 
 namespace morvad {
@@ -32,6 +33,9 @@ class L2Table {
   bool remove(const std::array<uint8_t, 6>& mac, uint16_t vid);
 
   void clear() { entries_.clear(); }
+
+  /// Takes the place of the whole table; at most kL2TableSize entries, no address twice in a VLAN.
+  void assign(std::vector<L2Entry> entries) { entries_ = std::move(entries); }
 
   /// Replaces the table by `count` made-up addresses, spread over `ports` in turn. `count` is at
   /// most kL2TableSize, `ports` is not empty.

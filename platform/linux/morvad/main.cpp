@@ -16,7 +16,9 @@
 
 #include "platform/linux/morvad/board.h"
 #include "platform/linux/morvad/host_linux.h"
+#include "platform/linux/morvad/kernel/kernel_switch.h"
 #include "platform/linux/morvad/log.h"
+#include "platform/linux/morvad/management.h"
 #include "platform/linux/morvad/manager.h"
 #include "platform/linux/morvad/names.h"
 #include "platform/linux/morvad/query_server.h"
@@ -44,35 +46,6 @@ void make_folder(const char* place, mode_t mode) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
   if (mkdir(path, mode) != 0 && errno != EEXIST) {
     log_line(std::string(path) + ": " + strerror(errno));
-  }
-}
-
-/// The configured address, or the board's, goes to the management interface if that exists.
-void apply_management(Switch& sw, Host& host) {
-  const Management& built = sw.board().management;
-  Settings& settings = sw.settings();
-  Address wanted = {settings.text(built.interface + ".ip", built.ip),
-                    settings.number(built.interface + ".mask", built.mask)};
-  if (!is_host_address(wanted.ip) || wanted.prefix < 0 || wanted.prefix > 32) {
-    wanted = {built.ip, built.mask};
-  }
-  Address now;
-  if (wanted.ip.empty() || (host.address_get(built.interface, now) && now.ip == wanted.ip &&
-                            now.prefix == wanted.prefix)) {
-    return;
-  }
-  const int result = host.address_set(built.interface, wanted);
-  if (result != 0) {
-    log_line(built.interface + ": address " + wanted.ip + " not set: " + strerror(-result));
-  }
-}
-
-void note_bound_ports(Switch& sw) {
-  for (const Port& port : sw.ports()) {
-    if (!port.built.interface.empty()) {
-      log_line(port.built.name + ": interface " + port.built.interface +
-               " is not driven, the port lives in memory");
-    }
   }
 }
 
@@ -111,12 +84,12 @@ int run(Board board) {
   settings.fill(board.nvram);
   HostLinux host(base.get());
   Switch sw(std::move(board), settings, host);
-  note_bound_ports(sw);
   apply_management(sw, host);
 
   Context context{sw, host};
   Manager manager(base.get(), sw);
   sw.observe([&manager](const Port& port, PortEvent event) { manager.tell(port, event); });
+  KernelSwitch kernel(base.get(), sw, host);
   QueryServer server(base.get(), context);
   const EventPtr watches[] = {
       on_signal(base.get(), SIGTERM, end_loop, base.get()),
@@ -125,6 +98,11 @@ int run(Board board) {
           base.get(), SIGCHLD,
           [](evutil_socket_t, short, void* raw) { static_cast<HostLinux*>(raw)->reap(); }, &host),
   };
+  const std::string refusal = kernel.start();
+  if (!refusal.empty()) {
+    log_line("ports in the kernel: " + refusal);
+    return kExitFailed;
+  }
   const int started = manager.start();
   if (started != 0) {
     log_line("interface manager: 127.0.0.1:30000: " + std::string(strerror(-started)));

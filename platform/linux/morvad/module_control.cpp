@@ -18,14 +18,24 @@ Port& port_member(Context& context, const Request& request) {
   return named_port(context, text_member(request.payload, "port"));
 }
 
-void link_set(Context& context, const Request& request, std::string& out) {
+/// A port whose cable, figures and addresses are morvactl's to move.
+Port& memory_port(Context& context, const Request& request) {
   Port& port = port_member(context, request);
+  if (port.binding->driven()) {
+    throw Refused(port.built.name + " is the interface " + port.built.interface +
+                  ": what it does is the kernel's to say");
+  }
+  return port;
+}
+
+void link_set(Context& context, const Request& request, std::string& out) {
+  Port& port = memory_port(context, request);
   context.sw.set_cable(port, bool_member(request.payload, "up"));
   answer_data(out, {{"link", port.status().link}, {"enable", port.status().enable}});
 }
 
 void speed_set(Context& context, const Request& request, std::string& out) {
-  Port& port = port_member(context, request);
+  Port& port = memory_port(context, request);
   const auto speed = static_cast<int>(int_member(request.payload, "speed", 1, kMaxSpeed));
   if (speed > port.built.max_speed) {
     throw Refused(port.built.name + " can do at most " + std::to_string(port.built.max_speed) +
@@ -48,7 +58,7 @@ uint64_t figure(const json& payload, const char* key, uint64_t fallback) {
 
 /// What is not named stays as it is now; the rates of counters that stand still count as 0.
 void counters_set(Context& context, const Request& request, std::string& out) {
-  Port& port = port_member(context, request);
+  Port& port = memory_port(context, request);
   const json& payload = request.payload;
   const bool run = bool_member_or(payload, "run", false);
   Counters now = port.counters(context.host.now_ns());
@@ -142,6 +152,10 @@ void l2_fill(Context& context, const Request& request, std::string& out) {
 
 void l2_list(Context& context, const Request& request, std::string& out) {
   const int64_t start = int_member_or(request.payload, "start", 0, UINT32_MAX, 0);
+  const std::string refusal = start == 0 ? context.sw.refresh_l2() : "";
+  if (!refusal.empty()) {
+    throw Refused(refusal);
+  }
   json rows = json::array();
   for (const L2Entry& entry : context.sw.l2().read(static_cast<size_t>(start), kListMax)) {
     std::string mac;
@@ -153,7 +167,7 @@ void l2_list(Context& context, const Request& request, std::string& out) {
                     {"type", entry.type},
                     {"aging", entry.aging_time}});
   }
-  answer_data(out, std::move(rows));
+  answer_data(out, rows);
 }
 
 void oem_set(Context& context, const Request& request, std::string& out) {
@@ -179,8 +193,14 @@ void blocked_set(Context& context, const Request& request, std::string& out) {
   for_each_named_port(context, *ports,
                       [&blocked](Port& port, const json&) { blocked.push_back(&port); });
   bool Port::*mark = by == "stp" ? &Port::stp_blocked : &Port::loop_blocked;
+  const auto kernels = [&by](const Port& port) { return by == "stp" && port.binding->driven(); };
+  for (Port* port : blocked) {
+    if (kernels(*port)) {
+      throw Refused(port->built.name + ": the bridge says whether spanning tree blocks it");
+    }
+  }
   for (Port& port : context.sw.ports()) {
-    port.*mark = false;
+    port.*mark = kernels(port) && port.*mark;
   }
   for (Port* port : blocked) {
     port->*mark = true;
@@ -221,7 +241,7 @@ void fw_show(Context& context, const Request&, std::string& out) {
 json port_json(const Port& port, uint64_t now_ns) {
   const Counters counters = port.counters(now_ns);
   json row = interface_row(port);
-  row["cable"] = port.cable ? 1 : 0;
+  row["cable"] = (port.binding->driven() ? row["link"] != 0 : port.cable) ? 1 : 0;
   row["speed_name"] = speed_code_name(port.speed_conf);
   row["trunk"] = port.trunk;
   row["stp_blocked"] = port.stp_blocked ? 1 : 0;

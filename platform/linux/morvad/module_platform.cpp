@@ -4,6 +4,7 @@
 // start, and the calls of the hardware layer.
 #include <charconv>
 
+#include "platform/linux/morvad/log.h"
 #include "platform/linux/morvad/modules.h"
 #include "platform/linux/morvad/names.h"
 
@@ -27,11 +28,16 @@ void if_table_get(Context& context, const Request&, std::string& out) {
 
 void hal_init(Context& context, const Request& request, std::string& out) {
   context.host.attach(request.pid);
+  context.sw.agent_started();
   answer(out);
 }
 
 void qel_enable(Context& context, const Request& request, std::string& out) {
-  context.sw.frames_to_cpu_set(bool_member(request.payload, "enable"));
+  const std::string refusal = context.sw.frames_to_cpu_set(bool_member(request.payload, "enable"));
+  if (!refusal.empty()) {
+    log_line("the gateway's frames: " + refusal);
+    throw Refused(refusal);
+  }
   answer(out);
 }
 
@@ -45,6 +51,12 @@ void mac_get(Context& context, const Request& request, std::string& out) {
   const int64_t start = int_member(request.payload, "start", 0, UINT32_MAX);
   const int64_t batch = int_member(request.payload, "batch", 0, kBatchMax);
   int_member(request.payload, "select", kLearntTable, kLearntTable);
+  // One reading of the table serves all batches, so that no entry is missed or told twice.
+  const std::string refusal = start == 0 ? context.sw.refresh_l2() : "";
+  if (!refusal.empty()) {
+    log_line("layer-2 table: " + refusal);
+    throw Refused(refusal);
+  }
   out = "{\"ret\":0,\"data\":[";
   bool first = true;
   for (const L2Entry& entry :

@@ -55,6 +55,9 @@ PortStatus Port::status() const {
   PortStatus out;
   out.enable = enabled ? 1 : 0;
   out.speed_conf = speed_conf;
+  if (binding->read_status(out)) {
+    return out;
+  }
   out.link = enabled && cable ? 1 : 0;
   if (out.link != 0) {
     const int forced = speed_of_code(speed_conf);

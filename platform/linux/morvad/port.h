@@ -7,9 +7,9 @@
 //         -> link, speed, duplex
 //
 // A port is the same whether it lives in memory or is driven by the kernel. What stands behind it
-// is a PortBinding: the sink for what is configured and, where it has its own, the source of
-// figures. News of the cable reach the model through Switch::set_cable, from morvactl for a port in
-// memory and from the binding for others.
+// is a PortBinding: the sink for what is configured and, where it has its own, the source of state
+// and figures. News reach the model through Switch::set_cable, from morvactl for a port in memory,
+// and through Switch::news for others.
 #ifndef MORVA_LINUX_MORVAD_PORT_H
 #define MORVA_LINUX_MORVAD_PORT_H
 
@@ -43,6 +43,17 @@ struct Counters {
   uint64_t rx_rate = 0;
 };
 
+/// What an interface status event tells.
+struct PortStatus {
+  int link = 0;
+  int speed = 0;   // Mbit/s, 0 without link
+  int duplex = 0;  // 1 full
+  int enable = 0;
+  int speed_conf = 0;
+
+  bool operator==(const PortStatus&) const = default;
+};
+
 /// What stands behind a port.
 class PortBinding {
  public:
@@ -54,6 +65,13 @@ class PortBinding {
 
   /// Fills in the port's own figures. False: it has none, the model computes them.
   virtual bool read_counters(Counters& out) = 0;
+
+  /// Fills in link, speed, duplex and enable as they are behind the port. False: it has no state of
+  /// its own, the model computes it.
+  virtual bool read_status(PortStatus&) const { return false; }
+
+  /// Whether something else than morvactl moves cable, figures and addresses of the port.
+  virtual bool driven() const { return false; }
 };
 
 /// The binding of a port that lives in memory: every command succeeds, there are no own figures.
@@ -62,17 +80,6 @@ class MemoryBinding : public PortBinding {
   std::string set_enabled(bool) override { return {}; }
   std::string set_speed(int) override { return {}; }
   bool read_counters(Counters&) override { return false; }
-};
-
-/// What an interface status event tells.
-struct PortStatus {
-  int link = 0;
-  int speed = 0;   // Mbit/s, 0 without link
-  int duplex = 0;  // 1 full
-  int enable = 0;
-  int speed_conf = 0;
-
-  bool operator==(const PortStatus&) const = default;
 };
 
 struct Port {

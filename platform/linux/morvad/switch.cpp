@@ -66,27 +66,37 @@ void Switch::changed(Port& port, const std::function<void()>& change) {
 }
 
 void Switch::set_enabled(Port& port, bool enabled, bool keep) {
-  const std::string refusal = port.binding->set_enabled(enabled);
+  std::string refusal;
+  changed(port, [&] {
+    refusal = port.binding->set_enabled(enabled);
+    port.enabled = refusal.empty() ? enabled : port.enabled;
+  });
   if (!refusal.empty()) {
     log_line(port.built.name + ": not " + (enabled ? "enabled: " : "disabled: ") + refusal);
     return;
   }
-  changed(port, [&] { port.enabled = enabled; });
   if (keep) {
     settings_->store({{port_key("port", port.built.name, "enable"), enabled ? "1" : "0"}});
   }
 }
 
 void Switch::set_speed(Port& port, int code, bool keep) {
-  const std::string refusal = port.binding->set_speed(code);
+  std::string refusal;
+  changed(port, [&] {
+    refusal = port.binding->set_speed(code);
+    port.speed_conf = refusal.empty() ? code : port.speed_conf;
+  });
   if (!refusal.empty()) {
     log_line(port.built.name + ": speed " + speed_code_name(code) + " not set: " + refusal);
     return;
   }
-  changed(port, [&] { port.speed_conf = code; });
   if (keep) {
     settings_->store({{port_key("port", port.built.name, "speed"), std::to_string(code)}});
   }
+}
+
+void Switch::bind(Port& port, std::unique_ptr<PortBinding> binding) {
+  changed(port, [&] { port.binding = std::move(binding); });
 }
 
 void Switch::set_cable(Port& port, bool plugged) {
@@ -140,6 +150,45 @@ std::string Switch::blocked_names(bool Port::*mark) const {
     }
   }
   return names;
+}
+
+void Switch::back(Backing* backing, bool frames) {
+  backing_ = backing;
+  frames_to_cpu_ = frames;
+}
+
+std::string Switch::frames_to_cpu_set(bool on) {
+  const std::string refusal = backing_ != nullptr ? backing_->let_frames(on) : "";
+  if (refusal.empty()) {
+    frames_to_cpu_ = on;
+  }
+  return refusal;
+}
+
+std::string Switch::refresh_l2() {
+  if (backing_ == nullptr) {
+    return {};
+  }
+  std::vector<L2Entry> entries;
+  std::string refusal = backing_->read_l2(entries);
+  if (!refusal.empty()) {
+    return refusal;
+  }
+  // What morvactl put behind ports in memory stays.
+  for (const L2Entry& entry : l2_.read(0, l2_.size())) {
+    const Port* port = find_index(entry.port);
+    if ((port == nullptr || !port->binding->driven()) && entries.size() < kL2TableSize) {
+      entries.push_back(entry);
+    }
+  }
+  l2_.assign(std::move(entries));
+  return refusal;
+}
+
+void Switch::agent_started() {
+  if (backing_ != nullptr) {
+    backing_->agent_started();
+  }
 }
 
 uint32_t Switch::oem_get(size_t word) {

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/linux/morvad/backing.h"
 #include "platform/linux/morvad/board.h"
 #include "platform/linux/morvad/firmware.h"
 #include "platform/linux/morvad/host.h"
@@ -57,7 +58,14 @@ class Switch {
   void set_enabled(Port& port, bool enabled, bool keep = true);
   void set_speed(Port& port, int code, bool keep = true);
 
-  /// News of the cable: from morvactl, or from what is behind the port.
+  /// Puts something else than memory behind a port. Told to the observer if that moved the status.
+  void bind(Port& port, std::unique_ptr<PortBinding> binding);
+
+  /// News from what is behind the port: runs `change`, which moves what the binding or the port
+  /// tells, and tells the observer if the port's status is another one then.
+  void news(Port& port, const std::function<void()>& change) { changed(port, change); }
+
+  /// News of the cable, from morvactl.
   void set_cable(Port& port, bool plugged);
   void set_far_end(Port& port, int speed, bool full_duplex);
 
@@ -82,7 +90,19 @@ class Switch {
   int oem_set(size_t word, uint32_t value);
 
   bool frames_to_cpu() const { return frames_to_cpu_; }
-  void frames_to_cpu_set(bool on) { frames_to_cpu_ = on; }
+
+  /// Lets the gateway's frames through to the agent, or stops them. "" when done, else why not.
+  std::string frames_to_cpu_set(bool on);
+
+  /// Says who stands behind the switch as a whole; not owned. `frames` is what it does with the
+  /// gateway's frames now. Null: the switch lives in memory.
+  void back(Backing* backing, bool frames);
+
+  /// Reads the layer-2 table anew where it is kept by somebody else. "" when done, else why not.
+  std::string refresh_l2();
+
+  /// The agent has just started.
+  void agent_started();
 
  private:
   /// Runs `change` on the port, keeps its counters right, tells the observer if its status moved.
@@ -97,6 +117,7 @@ class Switch {
   L2Table l2_;
   Firmware firmware_;
   Observer observer_;
+  Backing* backing_ = nullptr;
   int poe_total_ = 0;
   int poe_use_fixed_ = -1;
   bool frames_to_cpu_ = true;
