@@ -114,7 +114,8 @@ def wait_for_keeper(options, control, ready, mapped):
     try:
         ns.unshare(ns.CLONE_LAB)
     except OSError as error:
-        print(f"lab: {error}: user namespaces are not allowed here", file=sys.stderr)
+        print(f"lab: {error}: user namespaces are not allowed here;", file=sys.stderr)
+        print("lab: a chroot, a container or a kernel setting may keep them away", file=sys.stderr)
         return keeper.EXIT_LAB
     os.write(ready, b"u")
     if os.read(mapped, 1) != b"m":
