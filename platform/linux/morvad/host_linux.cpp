@@ -111,7 +111,11 @@ bool HostLinux::address_get(const std::string& interface, Address& out) {
 }
 
 int HostLinux::address_set(const std::string& interface, const Address& address) {
-  return Netlink().address_set(interface, address);
+  // libnl cannot say a prefix of 0; the mask of that is set the older way.
+  const bool none = address.prefix == 0;
+  const int result = Netlink().address_set(interface, {address.ip, none ? 32 : address.prefix});
+  in_addr_t mask = 0;
+  return result != 0 || !none ? result : address_ioctl(interface, SIOCSIFNETMASK, mask);
 }
 
 bool HostLinux::send_event(const std::string& text) {

@@ -98,13 +98,13 @@ AddrPtr first_address(nl_sock* socket, int index) {
 AddrPtr make_address(int index, const std::string& label, const Address& wanted) {
   AddrPtr address(rtnl_addr_alloc());
   nl_addr* local = nullptr;
-  const std::string text = wanted.ip + "/" + std::to_string(wanted.prefix);
-  if (address == nullptr || nl_addr_parse(text.c_str(), AF_INET, &local) < 0) {
+  if (address == nullptr || nl_addr_parse(wanted.ip.c_str(), AF_INET, &local) < 0) {
     return nullptr;
   }
   rtnl_addr_set_ifindex(address.get(), index);
   const bool good = rtnl_addr_set_local(address.get(), local) == 0;
   nl_addr_put(local);
+  rtnl_addr_set_prefixlen(address.get(), wanted.prefix);
   if (wanted.prefix < 31) {
     in_addr host{};
     memcpy(&host, nl_addr_get_binary_addr(rtnl_addr_get_local(address.get())), sizeof host);
