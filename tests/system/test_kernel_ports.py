@@ -332,13 +332,12 @@ def test_interfaces_are_renamed_vanish_and_come_back(fresh_lab):
     lab.switch("ip", "link", "del", "swp6")
     wait_until(lambda: "ge6: interface swp6 is gone" in lab.log("morvad"))
     assert lab.report("ports_link", "ge6") == [0, 0, 0, 0]
+    lab.command("port_enable", {"ge6": 1})  # counts for the interface that will come
     lab.switch("ip", "link", "add", "swp6", "type", "veth", "peer", "name", "far6")
-    for name in ("far6", "swp6"):
-        lab.switch("ip", "link", "set", name, "up")
-    # What was configured counts for the one that came back.
-    wait_until(lambda: "UP" not in lab.link("swp6")["flags"], "the configured state")
-    lab.command("port_enable", {"ge6": 1})
+    wait_until(lambda: "UP" in lab.link("swp6")["flags"], "the configured state")
+    lab.switch("ip", "link", "set", "far6", "up")
     row_until(lab, "ports_link", "ge6", lambda row: row[0] == 1)
+    assert "ge6: interface swp6 does not belong to vlanif1" in lab.log("morvad")
 
 
 def test_the_bridge_vanishes_and_comes_back(fresh_lab):
