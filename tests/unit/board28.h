@@ -12,31 +12,31 @@
 // Adds the ports and sets what their reports show. Call it before the agent starts.
 inline void add_board28() {
   for (int i = 1; i <= 24; ++i) {
-    fake::PortSpec spec;
-    spec.pos_x = (i + 1) / 2;
-    spec.pos_y = i % 2 == 1 ? 1 : 2;
-    spec.link = i <= 12 ? 1 : 0;
-    spec.speed = i <= 10 ? 1000 : i == 11 ? 100 : i == 12 ? 10 : 0;
-    spec.duplex = i <= 11 ? 1 : 0;
-    spec.speed_conf = i == 8 ? 7 : 0;
-    spec.disabled = i == 5;
+    fake::PortSpec port;
+    port.pos_x = (i + 1) / 2;
+    port.pos_y = i % 2 == 1 ? 1 : 2;
+    port.link = i <= 12 ? 1 : 0;
+    port.speed = i <= 10 ? 1000 : i == 11 ? 100 : i == 12 ? 10 : 0;
+    port.duplex = i <= 11 ? 1 : 0;
+    port.speed_conf = i == 8 ? 7 : 0;
+    port.disabled = i == 5;
     const std::string name = "ge" + std::to_string(i);
-    fake::add_port(name.c_str(), spec);
+    fake::add_port(name.c_str(), port);
     fake::set_nvram("lldp." + name + ".enable", "1");
     fake::set_nvram("poe." + name + ".enable", "1");
   }
   for (int i = 1; i <= 4; ++i) {
-    fake::PortSpec spec;
-    spec.speed_class = UIF_CLASS_TEN_GIGA;
-    spec.medium = UIF_MEDIUM_FIBRE;
-    spec.max_speed = 10000;
-    spec.pos_x = i <= 2 ? 14 : 15;
-    spec.pos_y = i % 2 == 1 ? 1 : 2;
-    spec.link = i == 1 ? 1 : 0;
-    spec.speed = i == 1 ? 10000 : 0;
-    spec.duplex = spec.link;
-    spec.aux_index = i == 3 ? -1 : i;
-    fake::add_port(("xe" + std::to_string(i)).c_str(), spec);
+    fake::PortSpec port;
+    port.speed_class = UIF_CLASS_TEN_GIGA;
+    port.medium = UIF_MEDIUM_FIBRE;
+    port.max_speed = 10000;
+    port.pos_x = i <= 2 ? 14 : 15;
+    port.pos_y = i % 2 == 1 ? 1 : 2;
+    port.link = i == 1 ? 1 : 0;
+    port.speed = i == 1 ? 10000 : 0;
+    port.duplex = port.link;
+    port.aux_index = i == 3 ? -1 : i;
+    fake::add_port(("xe" + std::to_string(i)).c_str(), port);
   }
   for (const char* key : {"iso.ge1.enable", "eee.ge2.enable", "llpp.ge3.enable", "mstp.ge4.enable",
                           "iso.xe1.enable", "mstp.xe1.enable"}) {
