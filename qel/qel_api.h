@@ -18,8 +18,8 @@ struct qel_conf_transfer {
   uint32_t upload_length;    // bytes; 0 when none is loaded
   uint32_t upload_crc;       // CRC-32 of the archive
   uint32_t download_length;  // bytes received so far
-  uint32_t download_total;   // bytes announced when the download began
   std::FILE* download_file;  // owned; open output file, or null
+  uint32_t download_total;   // bytes announced when the download began
 };
 extern qel_conf_transfer g_qel_conf;
 

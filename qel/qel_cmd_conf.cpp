@@ -74,7 +74,8 @@ int32_t store_chunk(const download_request& request, const char* text, int32_t p
 
 // The position is told before anything is checked, so the bytes are looked at only where they are.
 void trace_offset(const char* function, unsigned line, const char* text, int32_t position) {
-  const bool inside = position >= 0 && position + 1 < static_cast<int32_t>(proto::kTextReadSize);
+  // Behind the last byte that is looked at stands one more, which is zero.
+  const bool inside = position >= 0 && position < static_cast<int32_t>(proto::kTextReadSize);
   const auto* bytes = reinterpret_cast<const uint8_t*>(text);
   qel_console("[%s,%d] offset[%d] pdata0[0x%x] pdata1[0x%x]\n", function, static_cast<int>(line),
               position, inside ? bytes[position] : 0U, inside ? bytes[position + 1] : 0U);
