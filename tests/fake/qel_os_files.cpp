@@ -48,6 +48,9 @@ struct OpenFile {
 
 ssize_t read_file(void* cookie, char* buffer, size_t size) {
   auto& file = *static_cast<OpenFile*>(cookie);
+  if (fake::internal::os_fails("fread " + file.path)) {
+    return -1;
+  }
   const size_t left = file.bytes.size() - std::min(file.position, file.bytes.size());
   const size_t count = std::min(size, left);
   std::memcpy(buffer, file.bytes.data() + file.position, count);
@@ -60,6 +63,9 @@ ssize_t write_file(void* cookie, const char* data, size_t size) {
   auto& file = *static_cast<OpenFile*>(cookie);
   if (!file.writable) {
     errno = EBADF;
+    return 0;
+  }
+  if (fake::internal::os_fails("fwrite " + file.path)) {
     return 0;
   }
   if (file.append) {

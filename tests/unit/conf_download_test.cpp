@@ -137,6 +137,16 @@ TEST_F(ConfDownloadTest, OffsetAndFirstBytesAreToldOnTheConsole) {
   EXPECT_THAT(fake::console_text(), HasSubstr("downloadlen[3] written[3]\n"));
 }
 
+TEST_F(ConfDownloadTest, BytesBeyondSevenBitsAreToldUnsignedAlsoTheLastOfTheFrame) {
+  push({.index = 0, .next = 1, .total = 9, .bytes = "\xff\x80"});
+  EXPECT_THAT(fake::console_text(), HasSubstr("] pdata0[0xff] pdata1[0x80]\n"));
+  std::string text = json_of({.index = 1, .next = 1, .total = 9, .bytes = "x"});
+  text.resize(1567, '\0');
+  fake::clear_records();
+  receive(text + "\xee", kGatewayMac, kSwitchMac, 16 + 1567);
+  EXPECT_THAT(fake::console_text(), HasSubstr("offset[1567] pdata0[0xee] pdata1[0x0]\n"));
+}
+
 TEST_F(ConfDownloadTest, MessageWithoutDataIsNotAnswered) {
   receive(R"({"mac":"gw","cmd":"update","subcmd":"config_download"})");
   EXPECT_THAT(fake::sent(), IsEmpty());
@@ -191,6 +201,7 @@ TEST_F(ConfDownloadTest, ChunkThatEndsWithTheFrameIsTakenAndOneByteFurtherIsNot)
   push_at(one, 16 + 1567);  // the last of the 1568 bytes behind the header
   EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 1)));
   EXPECT_EQ(stored(), bytes("\0"));
+  EXPECT_THAT(fake::console_text(), HasSubstr("offset[1567] pdata0[0x0] pdata1[0x0]\n"));
   qel_api_download_reset();
   push_at(one, 16 + 1568);
   EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 1)));
@@ -255,6 +266,89 @@ TEST_F(ConfDownloadTest, FileThatCannotBeOpenedStoresNothingAndStillLeadsToTheRe
   EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
   EXPECT_THAT(fake::shell_commands(), ElementsAre(kUnpack, kRemove, kFlash));
   EXPECT_EQ(fake::reboots(), 1);
+}
+
+TEST_F(ConfDownloadTest, DiskThatIsFullAtAnyWriteAbandonsTheDownload) {
+  for (int failing = 0; failing < 3; ++failing) {
+    fake::fail_os(std::string("fwrite ") + kFile, ENOSPC, failing, 1);
+    for (int index = 0; index < failing; ++index) {
+      push({.index = index, .next = 1, .total = 9, .bytes = "abc"});
+      EXPECT_THAT(sent_messages(), ElementsAre(answer(2, index + 1)));
+    }
+    push({.index = failing, .next = 1, .total = 9, .bytes = "abc"});
+    EXPECT_THAT(sent_messages(), ElementsAre(answer(0, failing + 1)));
+    EXPECT_THAT(fake::console(), testing::Contains("Write failed! written[0], len[3]\n"));
+    EXPECT_EQ(g_qel_conf.download_file, nullptr);
+    EXPECT_EQ(g_qel_conf.download_data, nullptr);
+    EXPECT_EQ(g_qel_conf.download_length, 0U);
+    // What follows is accepted and not stored, until a first chunk begins anew.
+    push({.index = failing + 1, .next = 1, .total = 9, .bytes = "xyz"});
+    EXPECT_THAT(sent_messages(), ElementsAre(answer(2, failing + 2)));
+    EXPECT_THAT(stored(), testing::Not(HasSubstr("xyz")));
+    EXPECT_THAT(fake::shell_commands(), IsEmpty());
+  }
+  push({.index = 0, .next = 0, .total = 3, .bytes = "new"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
+  EXPECT_EQ(stored(), "new");
+}
+
+TEST_F(ConfDownloadTest, LastChunkThatCannotBeWrittenIsNotApplied) {
+  fake::fail_os(std::string("fwrite ") + kFile, ENOSPC);
+  push({.index = 0, .next = 0, .total = 3, .bytes = "abc"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 0)));
+  EXPECT_THAT(fake::shell_commands(), IsEmpty());
+  EXPECT_EQ(fake::reboots(), 0);
+}
+
+TEST_F(ConfDownloadTest, TotalThatMemoryCannotHoldBeginsNothingAndIsAnsweredWithStateZero) {
+  fake::set_file(kFile, "kept");
+  for (const int64_t total : {int64_t{90000}, int64_t{2147483647}}) {
+    fail_malloc(static_cast<size_t>(total) + 1);
+    push({.index = 0, .next = 1, .total = total, .bytes = "abc"});
+    EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 1)));
+    EXPECT_EQ(g_qel_conf.download_file, nullptr);
+    EXPECT_EQ(stored(), "kept");
+  }
+}
+
+TEST_F(ConfDownloadTest, BeginningDeletesTheOldFileFirst) {
+  fake::set_file(kFile, "old");
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  EXPECT_THAT(
+      fake::calls_of({"unlink", "fopen(/var"}),
+      ElementsAre("unlink(/var/conf/downlconf.tar.gz)", "fopen(/var/conf/downlconf.tar.gz, wb)"));
+  EXPECT_EQ(stored(), "abc");
+}
+
+TEST_F(ConfDownloadTest, RepeatedAndSingleByteChunksAreAppendedAsTheyCome) {
+  push({.index = 0, .next = 1, .total = 4, .bytes = "a"});
+  push({.index = 1, .next = 1, .total = 4, .bytes = "b"});
+  push({.index = 1, .next = 1, .total = 4, .bytes = "b"});
+  push({.index = 0, .next = 1, .total = 4, .bytes = "a"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 1)));
+  EXPECT_EQ(stored(), "abba");
+}
+
+TEST_F(ConfDownloadTest, CheckEndsTheDownloadAndTellsEqualFromDifferent) {
+  const std::string part = "hello";
+  const auto span = std::span(reinterpret_cast<const uint8_t*>(part.data()), part.size());
+  for (const bool equal : {true, false}) {
+    ASSERT_EQ(qel_api_download_begin(5), 0);
+    ASSERT_EQ(qel_api_download_conf_write(span), 0);
+    EXPECT_EQ(qel_api_download_conf_check(equal ? 0x3610a686 : 0x3610a687), equal ? 0 : -1);
+    EXPECT_EQ(g_qel_conf.download_file, nullptr);
+    EXPECT_EQ(g_qel_conf.download_data, nullptr);
+    EXPECT_EQ(g_qel_conf.download_length, 0U);
+  }
+  EXPECT_THAT(fake::console_text(), HasSubstr("[qel_api_download_conf_check,"));
+}
+
+TEST_F(ConfDownloadTest, CommandsThatFailDoNotStopTheRestart) {
+  fake::set_shell_status(1);
+  push({.total = 5, .bytes = "hello"});
+  EXPECT_THAT(fake::shell_commands(), ElementsAre(kUnpack, kRemove, kFlash));
+  EXPECT_EQ(fake::reboots(), 1);
+  EXPECT_THAT(fake::console().back(), HasSubstr("] down config flag[1] \n"));
 }
 
 TEST_F(ConfDownloadTest, ApplyingWithoutTheFlagOnlyTellsSo) {

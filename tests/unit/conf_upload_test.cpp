@@ -173,6 +173,80 @@ TEST_F(ConfUploadTest, ArchiveThatCannotBeOpenedIsNotAnsweredAndStaysBusy) {
   EXPECT_THAT(fake::console_text(), HasSubstr("[qel_cmd_handle_conf_get,"));
 }
 
+TEST_F(ConfUploadTest, ShellThatCannotBeRunIsAFailedPacking) {
+  pack_gives("x");
+  fake::fail_os("system", ENOMEM);
+  EXPECT_THAT(text_of(ask(0)), HasSubstr(R"({"state":0,"idx":0,"length":0,"next":0,)"));
+}
+
+TEST_F(ConfUploadTest, ArchiveThatMemoryCannotHoldIsNotAnswered) {
+  pack_gives(archive_of(5000));
+  fail_malloc(5001);
+  EXPECT_THAT(stderr_of([this] { receive(request(0)); }),
+              HasSubstr("Memory allocation failed: Cannot allocate memory\n"));
+  EXPECT_THAT(fake::sent(), IsEmpty());
+  EXPECT_EQ(g_qel_dev.conf_busy, 1);
+  EXPECT_EQ(g_qel_conf.upload_data, nullptr);
+  EXPECT_EQ(g_qel_conf.upload_length, 0U);
+}
+
+TEST_F(ConfUploadTest, ArchiveThatCannotBeReadWholeIsAnsweredWithStateZero) {
+  pack_gives(archive_of(5000));
+  fake::fail_os(std::string("fread ") + kArchive, EIO);
+  std::string frame;
+  EXPECT_THAT(stderr_of([&] { frame = ask(0); }),
+              HasSubstr("Error reading file: Input/output error\n"));
+  EXPECT_EQ(text_of(frame),
+            R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"config_upload","data":{"state":0,)"
+            R"("idx":0,"length":0,"next":0,"total_length":0,"crc":0}})");
+  EXPECT_EQ(g_qel_conf.upload_data, nullptr);
+}
+
+TEST_F(ConfUploadTest, RequestWhileBusyWithNothingLoadedIsAnsweredWithoutPackingAgain) {
+  stderr_of([this] { receive(request(0)); });
+  g_qel_dev.conf_age = 20;
+  EXPECT_THAT(text_of(ask(4)), HasSubstr(R"({"state":0,"idx":4,"length":0,"next":0,)"));
+  EXPECT_THAT(fake::shell_commands(), IsEmpty());
+  EXPECT_EQ(g_qel_dev.conf_age, 0);
+}
+
+TEST_F(ConfUploadTest, PackOperationTellsLoadedUnopenedAndUnread) {
+  pack_gives("x");
+  EXPECT_EQ(qel_api_conf_pack(), 0);
+  EXPECT_EQ(g_qel_conf.upload_length, 1U);
+  EXPECT_EQ(g_qel_conf.upload_crc, 0x8cdc1683U);
+  EXPECT_EQ(g_qel_conf.upload_data[1], '\0');
+  EXPECT_EQ(qel_api_conf_release(), 0);
+  fake::fail_os(std::string("fread ") + kArchive, EIO);
+  stderr_of([] { EXPECT_EQ(qel_api_conf_pack(), 1); });
+  fake::fail_os(std::string("fopen ") + kArchive, EACCES);
+  EXPECT_EQ(stderr_of([] { EXPECT_EQ(qel_api_conf_pack(), -1); }),
+            "Failed to open file: Permission denied\n");
+  fake::on_shell([](const std::string&) { return 2; });
+  EXPECT_EQ(qel_api_conf_pack(), 0);
+  EXPECT_EQ(g_qel_conf.upload_length, 0U);
+}
+
+TEST_F(ConfUploadTest, ChunkOfNoArchiveTouchesNeitherAreaNorFigures) {
+  uint8_t area[1024] = {7};
+  int32_t length = 5;
+  int32_t next = 6;
+  EXPECT_EQ(qel_api_get_conf_bin(area, 0, &length, &next), -1);
+  EXPECT_EQ(area[0], 7);
+  EXPECT_EQ(length, 5);
+  EXPECT_EQ(next, 6);
+}
+
+TEST_F(ConfUploadTest, TransferStateHasItsFieldsInOrder) {
+  EXPECT_EQ(offsetof(qel_conf_transfer, upload_data), 0U);
+  EXPECT_LT(offsetof(qel_conf_transfer, upload_data), offsetof(qel_conf_transfer, download_data));
+  EXPECT_LT(offsetof(qel_conf_transfer, download_data), offsetof(qel_conf_transfer, upload_length));
+  EXPECT_LT(offsetof(qel_conf_transfer, upload_length), offsetof(qel_conf_transfer, upload_crc));
+  EXPECT_LT(offsetof(qel_conf_transfer, upload_crc), offsetof(qel_conf_transfer, download_length));
+  EXPECT_LT(offsetof(qel_conf_transfer, download_length),
+            offsetof(qel_conf_transfer, download_file));
+}
+
 TEST_F(ConfUploadTest, RequestWithoutDataDoesNothing) {
   receive(R"({"mac":"gw","cmd":"set","subcmd":"config_upload"})");
   EXPECT_THAT(fake::shell_commands(), IsEmpty());
@@ -251,6 +325,29 @@ TEST_F(ConfUploadTest, StartDeletesArchivesOfAnEarlierRun) {
   qel_api_conf_init();
   EXPECT_FALSE(fake::file(kArchive).has_value());
   EXPECT_FALSE(fake::file("/var/conf/downlconf.tar.gz").has_value());
+  EXPECT_THAT(fake::shell_commands(), IsEmpty());
+}
+
+TEST_F(ConfUploadTest, StartForgetsTheWholeTransferState) {
+  g_qel_conf.upload_length = 5;
+  g_qel_conf.upload_crc = 6;
+  g_qel_conf.download_length = 7;
+  g_qel_conf.download_total = 8;
+  qel_api_conf_init();
+  EXPECT_EQ(g_qel_conf.upload_length, 0U);
+  EXPECT_EQ(g_qel_conf.upload_crc, 0U);
+  EXPECT_EQ(g_qel_conf.download_length, 0U);
+  EXPECT_EQ(g_qel_conf.download_total, 0U);
+}
+
+TEST_F(ConfUploadTest, SecondGatewayReadsTheSameArchiveAndIsAnsweredItself) {
+  pack_gives(archive_of(2048));
+  ask(0);
+  fake::clear_records();
+  receive(request(1), {0x02, 0, 0, 0, 0, 0x99});
+  ASSERT_THAT(fake::sent(), SizeIs(1));
+  EXPECT_EQ(fake::sent()[0].bytes.substr(0, 6), bytes("\x02\0\0\0\0\x99"));
+  EXPECT_THAT(text_of(fake::sent()[0].bytes), HasSubstr(R"("idx":1,"length":1024,"next":0,)"));
   EXPECT_THAT(fake::shell_commands(), IsEmpty());
 }
 

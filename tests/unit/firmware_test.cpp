@@ -2,7 +2,9 @@
 //
 // Firmware: an image pushed in chunks, an image fetched from a server, and the parts that nothing
 // starts.
+#include <bit>
 #include <cerrno>
+#include <cstring>
 
 #include "qel/qel_cmd.h"
 #include "qel/qel_table.h"
@@ -117,6 +119,74 @@ TEST_F(FirmwareTest, RepeatedOrOlderChunkIsIgnored) {
   EXPECT_EQ(g_qel_upgrade.received, 5);
 }
 
+TEST_F(FirmwareTest, RepeatedFirstChunkBeginsTheDownloadAnew) {
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  push({.index = 1, .next = 1, .total = 9, .bytes = "def"});
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 1)));
+  EXPECT_EQ(image(), "abc");
+  EXPECT_EQ(g_qel_upgrade.received, 3);
+  EXPECT_EQ(g_qel_upgrade.last_index, 0);
+}
+
+TEST_F(FirmwareTest, LastChunkRepeatedAfterTheEndIsAnsweredIncompleteAndStartsNothing) {
+  push({.index = 0, .next = 1, .total = 6, .bytes = "abc"});
+  push({.index = 1, .next = 0, .total = 6, .bytes = "def"});
+  ASSERT_THAT(fake::firmware().upgrades, SizeIs(1));
+  push({.index = 1, .next = 0, .total = 6, .bytes = "def"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(-2, 0)));
+  EXPECT_EQ(image(), "abcdef");
+  EXPECT_THAT(fake::firmware().upgrades, SizeIs(1));
+}
+
+TEST_F(FirmwareTest, SecondGatewaysFirstChunkTakesTheDownloadOver) {
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  const Chunk other{.index = 0, .next = 1, .total = 6, .bytes = "XYZ"};
+  const std::string text = json_of(other);
+  fake::clear_records();
+  receive(text + bytes("\0") + other.bytes, {0x02, 0, 0, 0, 0, 0x99}, kSwitchMac,
+          static_cast<uint16_t>(text.size() + 17));
+  ASSERT_THAT(fake::sent(), SizeIs(1));
+  EXPECT_EQ(fake::sent()[0].bytes.substr(0, 6), bytes("\x02\0\0\0\0\x99"));
+  EXPECT_EQ(image(), "XYZ");
+  EXPECT_EQ(g_qel_upgrade.peer.gw_mac[5], 0x99);
+  // Chunks are told apart by their index only.
+  push({.index = 1, .next = 0, .total = 9, .bytes = "def"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
+  EXPECT_EQ(image(), "XYZdef");
+}
+
+TEST_F(FirmwareTest, BeginningAsksThenDeletesThenAnnounces) {
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  EXPECT_THAT(
+      fake::calls_of({"sys_is_upgrading", "unlink", "sys_transmit_fw_begin"}),
+      ElementsAre("sys_is_upgrading()", "unlink(/tmp/linux.trx)", "sys_transmit_fw_begin()"));
+}
+
+TEST_F(FirmwareTest, StateTellsWhatWasReceived) {
+  push({.index = 0, .next = 1, .total = 9, .bytes = ""});
+  EXPECT_EQ(g_qel_upgrade.total, 9);
+  EXPECT_EQ(g_qel_upgrade.has_data, 0U);
+  push({.index = 4, .next = 1, .total = 9, .bytes = "abcd"});
+  EXPECT_EQ(g_qel_upgrade.has_data, 1U);
+  EXPECT_EQ(g_qel_upgrade.received, 4);
+  EXPECT_EQ(g_qel_upgrade.last_index, 4);
+  EXPECT_EQ(g_qel_upgrade.index, 0);
+}
+
+TEST_F(FirmwareTest, SingleChunkThatOverrunsIsToldAndAnsweredIncomplete) {
+  push({.index = 0, .next = 0, .total = 2, .bytes = "abc"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(-2, 0)));
+  EXPECT_THAT(fake::firmware().fail_codes, ElementsAre(-2));
+  EXPECT_THAT(fake::firmware().upgrades, IsEmpty());
+}
+
+TEST_F(FirmwareTest, NegativeTotalIsNeverComplete) {
+  push({.index = 0, .next = 0, .total = -3, .bytes = "abc"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(-2, 0)));
+  EXPECT_THAT(fake::firmware().upgrades, IsEmpty());
+}
+
 TEST_F(FirmwareTest, ChunkIndexesMayHaveHoles) {
   push({.index = 0, .next = 1, .total = 4, .bytes = "ab"});
   push({.index = 9, .next = 0, .total = 4, .bytes = "cd"});
@@ -178,7 +248,11 @@ TEST_F(FirmwareTest, OverUdpEveryChunkWithBytesIsRefused) {
   const std::string told = stdout_of([&] { qel_cmd_dispatch(&link, text.c_str(), 0); });
   EXPECT_THAT(sent_messages(), ElementsAre(answer(-2, 0)));
   EXPECT_FALSE(fake::file(kImage).has_value());
-  EXPECT_THAT(told, HasSubstr("s_addr=0x"));
+  // 192.168.1.99 as it stands in memory.
+  const uint8_t stored[4] = {192, 168, 1, 99};
+  const bool little = std::endian::native == std::endian::little;
+  EXPECT_EQ(std::memcmp(&g_qel_upgrade.peer.addr.udp.sin_addr, stored, sizeof stored), 0);
+  EXPECT_EQ(told, little ? "s_addr=0x6301a8c0 \r\n" : "s_addr=0xc0a80163 \r\n");
 }
 
 TEST_F(FirmwareTest, MessageWithoutDataIsNotAnswered) {
@@ -222,6 +296,16 @@ TEST_F(FirmwareTest, TracesComeWithTheirBitOnly) {
   EXPECT_THAT(fake::console_text(), HasSubstr("] buf[" + answer(3, 0) + "]\n"));
 }
 
+TEST_F(FirmwareTest, TracesOfTheEndComeWithTheLastChunkAndTheWholeImageOnly) {
+  g_qel_dev.debug = 32;
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  EXPECT_THAT(fake::console_text(), testing::Not(HasSubstr("recvlen[")));
+  EXPECT_THAT(fake::console_text(), testing::Not(HasSubstr("] buf[")));
+  push({.index = 5, .next = 0, .total = 9, .bytes = "de"});
+  EXPECT_THAT(fake::console_text(), HasSubstr("recvlen[3] writeindex[0] totalsize[9]\r\n"));
+  EXPECT_THAT(fake::console_text(), testing::Not(HasSubstr("] buf[")));
+}
+
 class ServerUpgradeTest : public FirmwareTest {
  protected:
   void ask(const std::string& data) {
@@ -244,6 +328,16 @@ TEST_F(ServerUpgradeTest, FetchesTheImageAndStartsTheProgramInTheBackground) {
   EXPECT_EQ(fake::firmware().detail, 0);
   EXPECT_THAT(fake::sent(), IsEmpty());
   EXPECT_THAT(fake::console(), ElementsAre("Upgrading .....\n"));
+}
+
+TEST_F(ServerUpgradeTest, StateIsSetBeforeTheFirstCommandAndAFailedOneDoesNotStopTheOthers) {
+  fake::set_shell_status(1);
+  ask_location("http://h/x");
+  EXPECT_THAT(fake::calls_of({"sys_upgrade_state", "system("}),
+              ElementsAre("sys_upgrade_state_get()", "sys_upgrade_state_set(2, 0)",
+                          "system(wget -O /tmp/linux.trx http://h/x)",
+                          "system(cp -fpR /morva/bin/morva_upgrade /tmp)",
+                          "system(/tmp/morva_upgrade /tmp/linux.trx&)"));
 }
 
 TEST_F(ServerUpgradeTest, StateOtherThanIdleIsToldAndDoesNothing) {
@@ -327,6 +421,24 @@ TEST_F(FirmwareTest, OvertimeTimerCountsAndAsksAgainFromTheFourthTick) {
   EXPECT_THAT(fourth, HasSubstr("qel_upgrade_overtime_reqest_timer, "));
   EXPECT_THAT(fourth, HasSubstr(" overttimes=4 index=6 \r\n"));
   EXPECT_THAT(fourth, testing::MatchesRegex("[^\n]*\r\n[^\n]* index=6 \r\n"));
+}
+
+TEST_F(FirmwareTest, ChunkBeforeTheWatchedOneStopsItsCount) {
+  qel_link link = eth_link();
+  stdout_of([&] { ASSERT_EQ(qel_upgrade_init(&link, 90), 0); });
+  g_qel_upgrade.index = 3;
+  g_qel_upgrade.overtime_count = 2;
+  EXPECT_EQ(qel_upgrade_append(&link, {}, 1), 0);
+  EXPECT_EQ(g_qel_upgrade.overtime_count, 2);
+  EXPECT_EQ(qel_upgrade_append(&link, {}, 2), 0);
+  EXPECT_EQ(g_qel_upgrade.overtime_count, 0);
+}
+
+TEST_F(FirmwareTest, OvertimeTimerIsRegisteredWithNoTimer) {
+  push({.index = 0, .next = 1, .total = 9, .bytes = "abc"});
+  EXPECT_EQ(fake::registered("qel_upgrade_overtime_reqest_timer"), 0);
+  fake::tick(200);
+  EXPECT_EQ(image(), "abc");
 }
 
 TEST_F(FirmwareTest, OvertimeOfSixtyOneAbandonsTheDownload) {

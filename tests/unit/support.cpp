@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -14,6 +15,18 @@
 #include "qel/qel_os.h"
 #include "qel/qel_table.h"
 #include "qel/qel_upgrade.h"
+
+// The agent's transfer buffers come from malloc; this one, linked in its place, can fail.
+extern "C" void* __real_malloc(size_t size);
+static size_t g_malloc_fails_at = SIZE_MAX;
+extern "C" __attribute__((used)) void* __wrap_malloc(size_t size) {
+  if (size >= g_malloc_fails_at) {
+    g_malloc_fails_at = SIZE_MAX;
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return __real_malloc(size);
+}
 
 namespace {
 
@@ -47,6 +60,7 @@ std::string header(const fake::Mac& destination, const fake::Mac& source, uint16
 }  // namespace
 
 AgentTest::AgentTest() {
+  g_malloc_fails_at = SIZE_MAX;
   fake::reset();
   reset_agent();
   fake::clear_records();
@@ -120,6 +134,10 @@ std::vector<std::string> sent_messages() {
     }
   }
   return messages;
+}
+
+void fail_malloc(size_t size) {
+  g_malloc_fails_at = size;
 }
 
 std::string zeros(size_t count) {
