@@ -131,6 +131,14 @@ TEST_F(DevinfoTest, RefreshWritesTheKeysAgain) {
   EXPECT_EQ(table()[15].first, "have_poe");
 }
 
+TEST_F(DevinfoTest, RefreshLooksUpTheAddressThenTheMacThenTheLoadThenTheUplink) {
+  qel_devinfo_refresh();
+  EXPECT_THAT(fake::calls_of({"socket", "fopen", "jclient_query"}),
+              ElementsAre("socket(AF_INET, SOCK_DGRAM, 0x0000)",
+                          "socket(AF_INET, SOCK_STREAM, 0x0000)", "fopen(/proc/stat, r)",
+                          "fopen(/proc/meminfo, r)", HasSubstr("port_basic_statistic_get_all")));
+}
+
 TEST_F(DevinfoTest, TextsOf64BytesAndMoreAreCut) {
   fake::set_nvram("product_sn", std::string(63, 's'));
   fake::set_nvram("product_model", std::string(64, 'm'));
@@ -192,6 +200,13 @@ INSTANTIATE_TEST_SUITE_P(
                     CpuCase{"FractionIsCut", "cpu 999 0 0 1 0 0 0 0\n", 99},
                     CpuCase{"BeyondThirtyTwoBits", "cpu 5000000000 0 0 15000000000 0 0 0 0\n", 25},
                     CpuCase{"AnotherLine", "intr 1 2 3 4\n", 0}, CpuCase{"EmptyFile", "", 0},
+                    CpuCase{"LineIsReadUpTo255Characters",
+                            "cpu 10 10 20 60                                                    "
+                            "                                                                   "
+                            "                                                                   "
+                            "                                                                   "
+                            "          100 0 0 0\n",
+                            40},
                     CpuCase{"AllZero", "cpu 0 0 0 0 0 0 0 0\n", 0}),
     [](const auto& case_info) { return case_info.param.name; });
 
@@ -271,6 +286,10 @@ INSTANTIATE_TEST_SUITE_P(
         MemCase{"OnlyTheTotal", "MemTotal: 1000 kB\n", 100},
         MemCase{"SecondLineOfAnotherNameIsNotFree",
                 "MemTotal: 1000 kB\nMemAvailable: 500 kB\nMemFree: 400 kB\n", 100},
+        MemCase{"RestOfALineOver63CharactersCountsAsTheNext",
+                "MemTotal: 1000 kB                                                  \n"
+                "MemFree: 400 kB\n",
+                100},
         MemCase{"FirstLineOfAnotherName", "MemFree: 400 kB\nMemTotal: 1000 kB\n", 0},
         MemCase{"ZeroTotal", "MemTotal: 0 kB\nMemFree: 0 kB\n", 0}, MemCase{"EmptyFile", "", 0}),
     [](const auto& case_info) { return case_info.param.name; });

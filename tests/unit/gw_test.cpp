@@ -126,6 +126,16 @@ TEST_F(GatewayTest, LookupOfANewNameClearsAndNamesTheFirstFreeEntry) {
   EXPECT_EQ(std::memcmp(entry, &expected, sizeof expected), 0);
 }
 
+TEST_F(GatewayTest, EntryProbedInTheFirstSecondIsNotFoundAgain) {
+  fake::set_uptime(0);
+  probe("a");
+  EXPECT_EQ(g_qel_gw[0].last_seen, 0U);
+  fake::set_uptime(1);
+  probe("a");
+  EXPECT_STREQ(g_qel_gw[1].name, "a");
+  EXPECT_EQ(g_qel_gw[1].last_seen, 1U);
+}
+
 TEST_F(GatewayTest, NameOf31BytesIsKeptWholeAndALongerOneIsCut) {
   const std::string name31(31, 'n');
   probe(name31.c_str());

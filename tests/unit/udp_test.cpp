@@ -77,6 +77,10 @@ TEST_P(UdpOpenFailure, IsToldAndTheLinkStaysClosed) {
   EXPECT_EQ(stderr_of([] { EXPECT_EQ(qel_udp_open(), -1); }), failure.said);
   EXPECT_EQ(g_qel_dev.udp_fd, 0);
   EXPECT_EQ(fake::registered("qel_udp_read"), 0);
+  // A socket that is bound stays open.
+  if (std::string_view(failure.call) == "setsockopt") {
+    EXPECT_TRUE(fake::is_open(fake::last_socket(AF_INET)));
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(
