@@ -3,6 +3,7 @@
 // The alarm table and its two rules; what is checked stands in qel_alarm_check.cpp.
 #include "qel/qel_alarm.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -76,9 +77,12 @@ Value* new_array(size_t count) {
 }  // namespace
 
 std::array<qel_alarm_entry, kAlarmTypes> g_qel_alarm_table;
+qel_alarm_state g_qel_alarm_state;
 
 void qel_alarm_init() {
-  const size_t ports = static_cast<size_t>(g_port_max > 0 ? g_port_max : 0) + 1;
+  g_qel_alarm_state = qel_alarm_state{};
+  g_qel_alarm_state.last_port = std::max(g_port_max, 0);
+  const size_t ports = static_cast<size_t>(g_qel_alarm_state.last_port) + 1;
   for (qel_alarm_entry& entry : g_qel_alarm_table) {
     std::free(entry.port_count);
     std::free(entry.port_last);

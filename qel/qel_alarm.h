@@ -37,13 +37,20 @@ struct qel_alarm_entry {
   char msg[kQelAlarmMessageSize];  // last reported, not terminated when it fills the array
   uint16_t msg_length;
   uint8_t msg_cut;      // 1: it was longer, and so equals nothing that comes later
-  uint8_t* port_count;  // by port number, 0 to g_port_max: scans in a row; wraps at 256
+  uint8_t* port_count;  // by port number, 0 to the last_port below: scans in a row; wraps at 256
   uint32_t* port_last;  // by port number: the last counter value
   uint32_t last_time;   // seconds since the epoch of the last report; 0: never
 };
 extern std::array<qel_alarm_entry, kAlarmTypes> g_qel_alarm_table;
 
-// Zeroes the table and sizes its per-port arrays for the ports there are. Called at start-up.
+struct qel_alarm_state {
+  int32_t last_port;  // highest port number that the per-port arrays have room for
+  int32_t scans;      // since the last MAC scan; those refused while alarms are disabled count, too
+  int32_t ticks;      // since the last scan
+};
+extern qel_alarm_state g_qel_alarm_state;
+
+// Zeroes table and state and sizes the per-port arrays for the ports there are. Called at start-up.
 void qel_alarm_init();
 
 // To be called once a second: scans on every fifth call. Returns 0.

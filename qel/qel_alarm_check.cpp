@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What an alarm scan checks: occupancy, PoE power, spanning tree and loops, counters of ports.
+#include <algorithm>
 #include <cstring>
 
 #include "platform/uif.h"
@@ -24,9 +25,6 @@ constexpr double kPoeLimit = 0.95;     // of the power budget
 constexpr uint8_t kPortScansInARow = 12;
 constexpr uint32_t kBytesPerMbit = 870;  // threshold of a scan's traffic by link speed
 constexpr size_t kMessageSize = 1024;    // of a list of port names
-
-// Scans since the last MAC scan; they count while alarms are disabled, too.
-int32_t scan_counter = 0;
 
 void update_percent(uint32_t type, int value, bool condition) {
   char area[64] = {};
@@ -91,25 +89,29 @@ int qel_alarm_mstp_check() {
   return 0;
 }
 
-// Room for a port in the per-port arrays.
+// The highest port number that counts: the platform's, as far as the arrays have room.
+int32_t last_port() {
+  return std::min(g_port_max, g_qel_alarm_state.last_port);
+}
+
 bool in_range(uint32_t type, int32_t port) {
-  return port >= 0 && port <= g_port_max && type < kAlarmTypes &&
+  return port >= 0 && port <= last_port() && type < kAlarmTypes &&
          g_qel_alarm_table[type].port_count != nullptr;
 }
 
 }  // namespace
 
 int qel_alarm_tick() {
-  static int ticks = 0;
-  if (++ticks >= kTicksPerScan) {
-    ticks = 0;
+  if (++g_qel_alarm_state.ticks >= kTicksPerScan) {
+    g_qel_alarm_state.ticks = 0;
     qel_alarm_scan();
   }
   return 0;
 }
 
 int qel_alarm_scan() {
-  scan_counter = static_cast<int32_t>(static_cast<uint32_t>(scan_counter) + 1);
+  int32_t& scans = g_qel_alarm_state.scans;
+  scans = static_cast<int32_t>(static_cast<uint32_t>(scans) + 1);
   if (g_qel_dev.alarm_stat_enable != 1) {
     return -1;
   }
@@ -123,9 +125,9 @@ int qel_alarm_scan() {
   qel_alarm_ports_report(kAlarmCrc);
   qel_alarm_ports_report(kAlarmPause);
   qel_alarm_ports_report(kAlarmOccupancy);
-  if (scan_counter >= kScansPerMacScan) {
+  if (scans >= kScansPerMacScan) {
     qel_mac_scan_check_l2_map();
-    scan_counter = 0;
+    scans = 0;
   }
   return 0;
 }
@@ -199,7 +201,7 @@ int qel_alarm_ports_report(uint32_t type) {
   bool flagged = false;
   msg.put("{\"ports\":\"");
   const size_t list_end = msg.length() + kMessageSize;
-  for (int32_t p = 0; p < g_port_max; ++p) {
+  for (int32_t p = 0; p < last_port(); ++p) {
     if (g_qel_alarm_table[type].port_count[p] < kPortScansInARow) {
       continue;
     }
