@@ -19,12 +19,18 @@ struct registration {
   const char* name;
 };
 
+unsigned long turns = 0;
+bool in_callback = false;
+
 void run_registration(evutil_socket_t fd, short /*events*/, void* opaque) {
   registration* entry = static_cast<registration*>(opaque);
   thread record = {entry->master, entry->arg, fd};
   const thread_func func = entry->func;
   free(entry);
+  in_callback = true;
+  ++turns;
   func(&record);
+  in_callback = false;
 }
 
 void run_signal(evutil_socket_t /*signo*/, short /*events*/, void* opaque) {
@@ -58,6 +64,14 @@ void* register_once(thread_master* master, thread_func func, void* arg, int fd, 
 }
 
 }  // namespace
+
+unsigned long loop_turn() {
+  return in_callback ? turns : 0;
+}
+
+void loop_new_turn() {
+  ++turns;
+}
 
 thread_master* thread_master_create(void) {
   event_set_log_callback(log_from_libevent);

@@ -15,6 +15,7 @@
 #include "platform/jclient.h"
 #include "platform/linux/fd.h"
 #include "platform/linux/json.h"
+#include "platform/linux/loop_internal.h"
 #include "platform/linux/paths.h"
 #include "platform/log.h"
 
@@ -222,6 +223,7 @@ long morva_call(const char* module, const char* request, char* reply, size_t rep
     return 0;
   }
   const long length = receive_all(fd.get(), reply, reply_size, deadline);
+  loop_new_turn();  // the module may have changed what this callback read before
   if (length <= 0 || memchr(reply, '\0', static_cast<size_t>(length)) != nullptr) {
     return -1;
   }

@@ -221,6 +221,10 @@ const char* nvram_cache_get(nvram_cache* cache, const char* path, const char* ke
   if (!cache->loaded || cache->recent || !same_file(now, cache->seen)) {
     load_cache(cache, path, now);
   }
+  return nvram_cache_find(cache, key);
+}
+
+const char* nvram_cache_find(const nvram_cache* cache, const char* key) {
   size_t low = 0;
   size_t high = cache->count;
   while (low < high) {  // finds the first entry behind the key

@@ -73,6 +73,9 @@ struct nvram_cache {
 // with the same cache.
 const char* nvram_cache_get(nvram_cache* cache, const char* path, const char* key);
 
+// The same out of what was read last, without a look at the file.
+const char* nvram_cache_find(const nvram_cache* cache, const char* key);
+
 // Forgets what was read.
 void nvram_cache_clear(nvram_cache* cache);
 

@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "platform/linux/loop_internal.h"
 #include "platform/linux/nvram.h"
 #include "platform/linux/paths.h"
 #include "platform/log.h"
@@ -18,13 +19,20 @@ namespace {
 struct settings_store {
   const char* file;
   nvram_cache cache;
-  int error;  // 0, or a negative errno
+  int error;           // 0, or a negative errno
+  unsigned long turn;  // of the loop, in which the file was last looked at; 0: none
 };
 
-settings_store temporary = {MORVA_NVRAM_TEMP_FILE, {}, 0};
-settings_store persistent = {MORVA_NVRAM_FILE, {}, 0};
+settings_store temporary = {MORVA_NVRAM_TEMP_FILE, {}, 0, 0};
+settings_store persistent = {MORVA_NVRAM_FILE, {}, 0, 0};
 
+// A report asks for hundreds of settings: the file is looked at once in a callback of the loop.
 const char* look_up(settings_store* store, const char* key) {
+  const unsigned long turn = loop_turn();
+  if (turn != 0 && turn == store->turn) {
+    return nvram_cache_find(&store->cache, key);
+  }
+  store->turn = turn;
   char path[kMorvaPathSize];
   return nvram_cache_get(&store->cache, morva_path(path, sizeof path, store->file), key);
 }
@@ -73,6 +81,7 @@ int store_int(settings_store* store, const char* key, int value) {
   char text[16];
   snprintf(text, sizeof text, "%d", value);
   char path[kMorvaPathSize];
+  loop_new_turn();
   const int result = nvram_file_set(morva_path(path, sizeof path, store->file), key, text);
   note_result(store, result);
   return result == 0 ? 0 : -1;
