@@ -44,6 +44,7 @@ std::string_view message_of(const qel_alarm_entry& entry) {
 void keep_message(qel_alarm_entry& entry, std::string_view msg) {
   const size_t length = std::min(msg.size(), sizeof entry.msg);
   std::memcpy(entry.msg, msg.data(), length);
+  std::memset(entry.msg + length, 0, sizeof entry.msg - length);
   entry.msg_length = static_cast<uint16_t>(length);
   entry.msg_cut = msg.size() > sizeof entry.msg ? 1 : 0;
 }
