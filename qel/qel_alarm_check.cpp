@@ -136,8 +136,12 @@ int qel_alarm_port_statistics_check() {
   char* reply = qel_mono_reply_area();
   qel_mono_port_statistic_dot3_get_all(reply);
   const qel_cjson_tree tree(cJSON_Parse(reply));
+  const cJSON* data = cJSON_GetObjectItem(tree.get(), "data");
+  if (cJSON_IsArray(data) == 0) {
+    return 0;
+  }
   const cJSON* element = nullptr;
-  cJSON_ArrayForEach(element, cJSON_GetObjectItem(tree.get(), "data")) {
+  cJSON_ArrayForEach(element, data) {
     const char* name = cJSON_GetObjectItemString(element, "name");
     const struct uif* uif = name != nullptr ? uif_lookup_by_name(name) : nullptr;
     if (uif == nullptr) {
