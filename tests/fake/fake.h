@@ -204,6 +204,9 @@ std::optional<int> hal_enabled();
 // A row of the layer-2 table.
 void add_mac_entry(const hal_mac_entry& entry);
 void clear_mac_entries();
+// Runs before each read of the table with its start position; may change the table. A number that
+// it returns is told as the count delivered, true or not.
+void on_mac_read(std::function<std::optional<uint32_t>(uint32_t start)> action);
 
 // ---------------------------------------------------------------------------------------------
 // Firmware
@@ -299,7 +302,7 @@ bool is_open(int fd);
 
 // Makes an operating system call fail with `error`, after `skip` calls that work, `times` times.
 // By name: "socket", "setsockopt", "bind", "accept", "sendto", "ifreq", "fopen", "daemon",
-// "system", "unlink".
+// "system", "unlink"; on one file only: "fopen <path>", "fread <path>", "fwrite <path>".
 void fail_os(const std::string& function, int error, int skip = 0, int times = 1 << 30);
 
 // Writes all frames sent since the last clear as a capture file. False when it cannot.

@@ -11,6 +11,7 @@ namespace {
 struct State {
   std::optional<int> enabled;
   std::vector<hal_mac_entry> entries;
+  std::function<std::optional<uint32_t>(uint32_t)> on_read;
 };
 
 State& state() {
@@ -40,6 +41,7 @@ int hal_mac_get(struct hal_mac_entry* entries, uint32_t start, uint32_t batch, u
                 uint32_t* count, uint32_t reserved1, uint32_t reserved2, uint32_t reserved3) {
   fake::internal::record("hal_mac_get(%u, %u, %u, %u, %u, %u)", start, batch, select, reserved1,
                          reserved2, reserved3);
+  const auto told = state().on_read ? state().on_read(start) : std::nullopt;
   if (fake::internal::platform_fails("hal_mac_get")) {
     return -1;
   }
@@ -47,7 +49,7 @@ int hal_mac_get(struct hal_mac_entry* entries, uint32_t start, uint32_t batch, u
   for (size_t i = start; i < state().entries.size() && written < batch; ++i) {
     entries[written++] = state().entries[i];
   }
-  *count = written;
+  *count = told.value_or(written);
   return 0;
 }
 
@@ -63,6 +65,9 @@ void add_mac_entry(const hal_mac_entry& entry) {
 }
 void clear_mac_entries() {
   state().entries.clear();
+}
+void on_mac_read(std::function<std::optional<uint32_t>(uint32_t)> action) {
+  state().on_read = std::move(action);
 }
 
 void internal::reset_hal() {
