@@ -58,6 +58,13 @@ class TestSun:
         pass
 '''
 
+FUZZER = """\
+// SPDX-License-Identifier: Apache-2.0
+//
+// A lamp that is thrown at the wall.
+#include "lamp.h"
+"""
+
 DOCUMENT = """\
 
 ## The agent, on a fake switch
@@ -70,6 +77,16 @@ DOCUMENT = """\
 |---|---|
 | Lamps | `LampTest.IsDarkAtFirst` |
 | Light & &lt;shade> \\| more | `LampDeathTest.BreaksAtLast` *(cases)*<br>`Lamp.Shines` |
+
+## Input of every kind, fuzzed
+
+### A lamp that is thrown at the wall
+
+[lamp_fuzz.cpp](../tests/fuzz/lamp_fuzz.cpp): A lamp that is thrown at the wall.
+
+| Capability | Shown by |
+|---|---|
+| A lamp that is thrown at the wall | fuzzer `lamp` |
 
 ## tests/house
 
@@ -95,7 +112,12 @@ def run(*arguments):
 
 @pytest.fixture
 def tree(tmp_path):
-    for path, text in {"unit/lamp_test.cpp": CXX, "house/test_house.py": PYTHON}.items():
+    files = {
+        "unit/lamp_test.cpp": CXX,
+        "fuzz/lamp_fuzz.cpp": FUZZER,
+        "house/test_house.py": PYTHON,
+    }
+    for path, text in files.items():
         file = tmp_path / "tests" / path
         file.parent.mkdir(parents=True)
         file.write_text(text, encoding="utf-8")
