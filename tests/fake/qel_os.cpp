@@ -39,6 +39,7 @@ struct Descriptor {
 
 struct State {
   std::map<int, Descriptor> descriptors;
+  int opened = 0;  // numbers are not used again, so that one kept too long is noticed
   std::map<std::string, fake::NetInterface> interfaces;
   std::vector<fake::Sent> sent;
 };
@@ -401,7 +402,7 @@ bool is_open(int fd) {
 namespace internal {
 
 int open_descriptor(int family) {
-  const int fd = kFirstDescriptor + static_cast<int>(state().descriptors.size());
+  const int fd = kFirstDescriptor + state().opened++;
   state().descriptors[fd].family = family;
   return fd;
 }
@@ -421,6 +422,7 @@ void reset_os() {
 
 void clear_os_records() {
   state().sent.clear();
+  std::erase_if(state().descriptors, [](const auto& entry) { return !entry.second.open; });
   clear_os_file_records();
 }
 
