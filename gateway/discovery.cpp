@@ -13,6 +13,20 @@ namespace {
 
 constexpr const char* kSubject = "answer";
 
+void note_fault(Discovery& found, std::string fault) {
+  if (std::ranges::find(found.faults, fault) == found.faults.end()) {
+    found.faults.push_back(std::move(fault));
+  }
+}
+
+std::string display(const Peer& peer) {
+  if (peer.port == 0) {
+    return mac_display(peer.mac);
+  }
+  return fmt::format("{}.{}.{}.{}", peer.ip >> 24, peer.ip >> 16 & 0xFF, peer.ip >> 8 & 0xFF,
+                     peer.ip & 0xFF);
+}
+
 // Notes an answer. False for a second one of the same switch, which changes nothing.
 bool note_answer(const Reply& reply, const Identity& identity, Session& session, Discovery& found) {
   const auto same = std::ranges::find(found.switches, reply.mac, &Switch::mac);
@@ -25,20 +39,17 @@ bool note_answer(const Reply& reply, const Identity& identity, Session& session,
     return true;
   }
   if (!(same->source == reply.from)) {
-    auto fault = fmt::format("two switches call themselves {}; the second is left out",
-                             mac_display(reply.mac));
-    if (std::ranges::find(found.faults, fault) == found.faults.end()) {
-      found.faults.push_back(std::move(fault));
-    }
+    note_fault(found, fmt::format("two switches call themselves {}; the second is left out",
+                                  mac_display(reply.mac)));
   }
   return false;
 }
 
 }  // namespace
 
-std::string probe_text(const MacAddress& gateway, uint32_t tick) {
+std::string probe_text(std::string_view gateway, uint32_t tick) {
   return fmt::format(R"({{"mac":"{}","cmd":"probe","subcmd":"probe","data":{{"ntick":{}}}}})",
-                     mac_text(gateway), tick);
+                     gateway, tick);
 }
 
 Task<Discovery> discover(Session& session, DiscoveryOptions options) {
@@ -52,7 +63,7 @@ Task<Discovery> discover(Session& session, DiscoveryOptions options) {
   }
   question.mac = options.only;
   question.subjects = {kSubject};
-  question.text = probe_text(session.transport().own_mac(), tick);
+  question.text = probe_text(mac_text(session.transport().own_mac()), tick);
   question.patience = options.window;
   question.sends = options.probes;
   question.whole_time = options.quiet == Duration(0);
@@ -71,8 +82,12 @@ Task<Discovery> discover(Session& session, DiscoveryOptions options) {
     const bool complete = options.expected > 0 && found.switches.size() >= options.expected;
     return options.only || complete ? Verdict::Done : Verdict::More;
   };
+  auto before = session.on_bad_reply([&found](const Peer& from, const std::string& why) {
+    note_fault(found, fmt::format("an answer of {} cannot be read: {}", display(from), why));
+  });
   auto wait = session.ask(std::move(question));
   const Outcome outcome = co_await wait;
+  session.on_bad_reply(std::move(before));
   found.interrupted = outcome == Outcome::Interrupted;
   std::ranges::sort(found.switches, {}, &Switch::mac);
   co_return found;
@@ -80,8 +95,8 @@ Task<Discovery> discover(Session& session, DiscoveryOptions options) {
 
 void announce(Session& session) {
   session.transport().send(session.transport().everybody(),
-                           probe_text(session.transport().own_mac(), session.next_tick()), {},
-                           false);
+                           probe_text(mac_text(session.transport().own_mac()), session.next_tick()),
+                           {}, false);
 }
 
 }  // namespace qel_gateway

@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "gateway/messages.h"
@@ -35,8 +36,9 @@ struct Discovery {
   bool interrupted = false;
 };
 
-// The text of a probe: `gateway` is the name by which the switch remembers the sender.
-std::string probe_text(const MacAddress& gateway, uint32_t tick);
+// The text of a probe: `gateway` is the name by which the switch remembers the sender, its MAC as
+// mac_text() writes it.
+std::string probe_text(std::string_view gateway, uint32_t tick);
 
 Task<Discovery> discover(Session& session, DiscoveryOptions options);
 

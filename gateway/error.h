@@ -25,9 +25,10 @@ class Error : public std::runtime_error {
 };
 
 // A signal ended the wait. Not a failure to be explained: whoever sent it knows.
-class Interrupted : public std::exception {
+class Interrupted : public std::runtime_error {
  public:
-  const char* what() const noexcept override { return "interrupted"; }
+  // `what` says what was left in which state, where there is something to say.
+  explicit Interrupted(const std::string& what = "interrupted") : std::runtime_error(what) {}
 };
 
 }  // namespace qel_gateway

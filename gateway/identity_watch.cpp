@@ -14,7 +14,7 @@ Task<std::optional<Identity>> ask_identity(Session& session, const Switch& one, 
   question.to = one.address;
   question.mac = one.mac;
   question.subjects = {"answer"};
-  question.text = probe_text(session.transport().own_mac(), tick);
+  question.text = probe_text(mac_text(session.transport().own_mac()), tick);
   question.patience = patience;
   question.take = [&found, tick](const Reply& reply) {
     const Identity identity = read_identity(reply.data);
@@ -30,6 +30,18 @@ Task<std::optional<Identity>> ask_identity(Session& session, const Switch& one, 
     throw Interrupted();
   }
   co_return found;
+}
+
+Task<bool> answers_within(Session& session, const Switch& one, Duration duration) {
+  constexpr Duration kStep{500};
+  const TimePoint end = session.now() + duration;
+  while (session.now() < end) {
+    const auto identity = co_await ask_identity(session, one, kStep);
+    if (identity) {
+      co_return true;
+    }
+  }
+  co_return false;
 }
 
 }  // namespace qel_gateway

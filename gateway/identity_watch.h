@@ -10,7 +10,10 @@
 
 namespace qel_gateway {
 
-// One probe to `one`; nothing when it does not answer within `patience`. Throws Interrupted.
+// Probes `one` once; nothing when it does not answer within `patience`. Throws Interrupted.
 Task<std::optional<Identity>> ask_identity(Session& session, const Switch& one, Duration patience);
+
+// Probes until `one` answers or `duration` is over. Throws Interrupted.
+Task<bool> answers_within(Session& session, const Switch& one, Duration duration);
 
 }  // namespace qel_gateway

@@ -52,7 +52,7 @@ const Json& element(const Json& array, size_t index) {
 
 int64_t to_integer(const Json& value, int64_t least, int64_t most) {
   if (!value.is_number_integer()) {
-    throw BadReply("text where a whole number belongs");
+    throw BadReply("no whole number where one belongs");
   }
   if (value.is_number_unsigned() && value.get<uint64_t>() > static_cast<uint64_t>(INT64_MAX)) {
     throw BadReply("number out of range");

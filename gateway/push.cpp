@@ -209,7 +209,10 @@ Task<void> push_archive(Session& session, const Switch& one, Push push, Duration
     } catch (const Interrupted&) {
       const std::string text = forget_text(one, push);
       session.transport().send(one.address, text, {}, true);
-      throw;
+      throw Interrupted(chunk.last ? "interrupted at the last chunk: whether the archive was "
+                                     "applied is not known"
+                                   : "interrupted; the switch was told to forget what it had, "
+                                     "nothing was applied");
     } catch (const Error& error) {
       trouble = error.what();
       code = error.code();
@@ -234,7 +237,14 @@ Task<void> push_firmware(Session& session, const Switch& one, Push push, Duratio
     const bool repeatable = index > 0 && !chunk.last;
     const ChunkQuestion question{&chunk.text, bytes_of(push, chunk), push.subject,
                                  chunk.last ? 0 : index + 1, repeatable ? kFirmwareSends : 1};
-    const auto answer = co_await send_chunk(session, one, question, patience);
+    std::optional<ChunkAnswer> answer;
+    try {
+      answer = co_await send_chunk(session, one, question, patience);
+    } catch (const Interrupted&) {
+      throw Interrupted(chunk.last ? "interrupted at the last chunk: whether the upgrade began is "
+                                     "not known"
+                                   : "interrupted; nothing was upgraded");
+    }
     check_firmware_answer(answer, chunk);
     progress(chunk.offset + chunk.length, push.bytes->size());
     ++index;

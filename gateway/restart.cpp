@@ -70,17 +70,6 @@ Task<bool> goes_down(Session& session, const Switch& one, std::vector<Port> befo
   co_return false;
 }
 
-Task<bool> comes_back(Session& session, const Switch& one, Duration come_back) {
-  const TimePoint end = session.now() + come_back;
-  while (session.now() < end) {
-    const auto identity = co_await ask_identity(session, one, kProbePatience);
-    if (identity) {
-      co_return true;
-    }
-  }
-  co_return false;
-}
-
 }  // namespace
 
 Task<RestartMark> mark_restart(Session& session, const Switch& one, Duration patience) {
@@ -98,7 +87,7 @@ Task<EffectReport> await_restart(Session& session, const Switch& one, RestartMar
   if (come_back == Duration(0)) {
     co_return EffectReport{Effect::Took, "the switch restarts"};
   }
-  const bool back = co_await comes_back(session, one, come_back);
+  const bool back = co_await answers_within(session, one, come_back);
   if (back) {
     co_return EffectReport{Effect::Took, "the switch restarted and answers again"};
   }

@@ -15,6 +15,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "gateway/clock.h"
@@ -77,8 +78,10 @@ class Session {
 
   // Called for messages that answer no open question, and for those that cannot be read.
   void on_unasked(std::function<void(const Reply&)> handler) { unasked_ = std::move(handler); }
-  void on_bad_reply(std::function<void(const Peer&, const std::string&)> handler) {
-    bad_reply_ = std::move(handler);
+  using BadReplyHandler = std::function<void(const Peer&, const std::string& why)>;
+  // Returns the handler that was there before.
+  BadReplyHandler on_bad_reply(BadReplyHandler handler) {
+    return std::exchange(bad_reply_, std::move(handler));
   }
   // Asked whenever the loop wakes; true ends every wait with Interrupted, from then on.
   void set_interrupt(std::function<bool()> interrupted) { interrupt_ = std::move(interrupted); }
@@ -151,7 +154,7 @@ class Session {
   std::vector<std::coroutine_handle<>> ready_;
   std::list<Task<void>> spawned_;
   std::function<void(const Reply&)> unasked_;
-  std::function<void(const Peer&, const std::string&)> bad_reply_;
+  BadReplyHandler bad_reply_;
   std::function<bool()> interrupt_;
   std::function<void()> wake_;
   bool interrupted_ = false;

@@ -160,8 +160,8 @@ Task<EffectReport> fetch_firmware(Session& session, const Switch& one, std::stri
                                   Duration patience) {
   check_location(location);
   send_set(session, one, fetch_firmware_text(mac_text(one.mac), location));
-  const auto identity = co_await ask_identity(session, one, patience);
-  if (!identity) {
+  const bool back = co_await answers_within(session, one, patience);
+  if (!back) {
     co_return EffectReport{Effect::Silent, "sent; the switch has not answered since"};
   }
   co_return EffectReport{Effect::Unseen,

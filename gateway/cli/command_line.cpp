@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
 #include "gateway/cli/context.h"
 #include "gateway/cli/interrupt.h"
@@ -43,6 +44,7 @@ void add_commands(CLI::App& app, Choice& choice) {
   add_show(app, choice);
   add_ports(app, choice);
   add_port(app, choice);
+  add_live(app, choice);
   add_system(app, choice);
   add_transfer(app, choice);
 }

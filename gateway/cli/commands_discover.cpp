@@ -2,6 +2,7 @@
 //
 // qelctl discover: who is on the wire.
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
 #include "gateway/cli/context.h"
 #include "gateway/cli/identity_output.h"
@@ -14,7 +15,7 @@ ExitCode run_discover(Context& context, size_t expected) {
   DiscoveryOptions options;
   options.window = context.patience(options.window);
   if (context.options().dry_run) {
-    print_message(context, probe_text(MacAddress{}, 1), "every switch");
+    print_message(context, probe_text(kUnknownOwnMac, 1), "every switch");
     return ExitCode::Done;
   }
   options.expected = expected;

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
 #include "gateway/cli/context.h"
 #include "gateway/cli/each_switch.h"

@@ -2,6 +2,7 @@
 //
 // qelctl show, ports, stats, poe, clients: what switches report, read once.
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
 #include "gateway/cli/context.h"
 #include "gateway/cli/each_switch.h"
@@ -120,7 +121,7 @@ Task<Told> tell_identity(const Context& context, const Switch& one) {
 ExitCode run_show(Context& context) {
   if (context.options().dry_run) {
     return dry_run(context, [](const std::string&) {
-      return std::vector<std::string>{probe_text(MacAddress{}, 1)};
+      return std::vector<std::string>{probe_text(kUnknownOwnMac, 1)};
     });
   }
   const auto switches = selected(context);

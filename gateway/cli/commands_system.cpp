@@ -10,6 +10,7 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
 #include "gateway/cli/context.h"
 #include "gateway/cli/each_switch.h"

@@ -9,14 +9,16 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-
 #include "gateway/discovery.h"
 #include "gateway/error.h"
 #include "gateway/requests.h"
 #include "gateway/session.h"
 #include "gateway/table.h"
 #include "gateway/transport.h"
+
+namespace CLI {
+class App;
+}
 
 namespace qel_gateway::cli {
 
@@ -90,6 +92,7 @@ void add_show(CLI::App& app, Choice& choice);
 void add_ports(CLI::App& app, Choice& choice);  // ports, stats, poe, clients
 void add_port(CLI::App& app, Choice& choice);
 void add_transfer(CLI::App& app, Choice& choice);  // backup, restore, firmware
+void add_live(CLI::App& app, Choice& choice);      // watch, top
 void add_system(CLI::App& app, Choice& choice);    // ip, time, name, active, reboot, reset, query
 
 }  // namespace qel_gateway::cli

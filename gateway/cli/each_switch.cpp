@@ -99,10 +99,14 @@ ExitCode worse(ExitCode one, ExitCode other) {
 }
 
 std::vector<Switch> selected(Context& context) {
+  return selected(context, context.options().selector);
+}
+
+std::vector<Switch> selected(Context& context, const std::string& selector) {
   Selection selection;
   try {
-    selection = context.run(select_switches(context.session(), context.options().selector,
-                                            context.patience(kSelectWindow)));
+    selection =
+        context.run(select_switches(context.session(), selector, context.patience(kSelectWindow)));
   } catch (const Error& error) {
     if (error.code() == ExitCode::NoAnswer) {
       context.note_wire();

@@ -23,6 +23,8 @@ using SwitchJob = std::function<Task<Told>(const Switch&)>;
 
 // The switches that --switch means; notes what was dropped on the way.
 std::vector<Switch> selected(Context& context);
+// The same for a selector of the command's own.
+std::vector<Switch> selected(Context& context, const std::string& selector);
 
 // Runs `job` on each of `switches`, at most `limit` at a time, and prints what it tells in their
 // order: as JSON lines, or as texts. With more than one switch each text gets a heading when

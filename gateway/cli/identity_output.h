@@ -5,11 +5,15 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "gateway/cli/context.h"
 
 namespace qel_gateway::cli {
+
+// Stands in a dry run for this gateway's MAC, which only an open wire would tell.
+inline constexpr std::string_view kUnknownOwnMac = "<own mac>";
 
 OrderedJson identity_json(const Switch& one);
 

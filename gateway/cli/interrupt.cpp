@@ -17,6 +17,9 @@ namespace {
 volatile std::sig_atomic_t g_signal = 0;
 std::array<int, 2> g_pipe = {-1, -1};
 
+// Nothing to do: that it interrupts a wait is what it is for.
+extern "C" void on_resize(int /*number*/) {}
+
 extern "C" void on_signal(int number) {
   const int kept = errno;
   g_signal = number;
@@ -34,9 +37,11 @@ void catch_interrupts() {
   }
   struct sigaction action = {};
   action.sa_handler = on_signal;
-  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
     ::sigaction(number, &action, nullptr);
   }
+  action.sa_handler = on_resize;
+  ::sigaction(SIGWINCH, &action, nullptr);
 }
 
 bool interrupt_seen() {

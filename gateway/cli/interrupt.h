@@ -6,7 +6,8 @@
 
 namespace qel_gateway::cli {
 
-// Catches SIGINT, SIGTERM and SIGHUP from now on. Called once, by main.
+// Catches SIGINT, SIGTERM, SIGHUP and SIGQUIT from now on, and lets a change of the window's size
+// end waits. Called once, by main.
 void catch_interrupts();
 
 // True once one of them came.

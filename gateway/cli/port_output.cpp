@@ -27,16 +27,6 @@ OrderedJson config_json(const PortConfig& config) {
   return out;
 }
 
-OrderedJson client_json(const PortClient& client) {
-  const auto mac = parse_mac(client.mac);
-  OrderedJson out;
-  out["state"] = client.state;
-  out["mac"] = mac ? mac_display(*mac) : client.mac;
-  out["ip"] = client.ip;
-  out["type"] = client.type;
-  return out;
-}
-
 std::string on_off(bool on) {
   return on ? "on" : "off";
 }
@@ -96,6 +86,16 @@ Cell admin_cell(const Port& port) {
 }
 
 }  // namespace
+
+OrderedJson client_json(const PortClient& client) {
+  const auto mac = parse_mac(client.mac);
+  OrderedJson out;
+  out["state"] = client.state;
+  out["mac"] = mac ? mac_display(*mac) : client.mac;
+  out["ip"] = client.ip;
+  out["type"] = client.type;
+  return out;
+}
 
 std::string client_mac(const Port& port) {
   if (!has_client(port)) {

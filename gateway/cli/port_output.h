@@ -21,6 +21,9 @@ Table stats_table(const PortTable& table);
 Table poe_table(const PortTable& table);
 Table clients_table(const PortTable& table);
 
+// {"state","mac","ip","type"}, the MAC with colons.
+OrderedJson client_json(const PortClient& client);
+
 // One cell: "up", "down", "off" or the seconds until a restarted port is back.
 Cell link_cell(const Port& port);
 // "1000 full", empty without link.

@@ -94,8 +94,8 @@ class Transfers {
     };
     try {
       ended.result = co_await job_(switches_[i], sink);
-    } catch (const Interrupted&) {
-      set_interrupted(ended, "interrupted");
+    } catch (const Interrupted& reason) {
+      set_interrupted(ended, reason.what());
     } catch (const Error& error) {
       ended.result.code = error.code();
       ended.result.words = error.what();

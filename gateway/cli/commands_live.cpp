@@ -1,0 +1,211 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// qelctl watch and top: views that go on until they are told to end. Both keep the gateway present
+// by probing, watch because traps go to present gateways only.
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <CLI/CLI.hpp>
+
+#include "gateway/cli/context.h"
+#include "gateway/cli/each_switch.h"
+#include "gateway/cli/identity_output.h"
+#include "gateway/cli/interrupt.h"
+#include "gateway/cli/terminal.h"
+#include "gateway/cli/top_view.h"
+#include "gateway/cli/watch_log.h"
+#include "gateway/ports.h"
+
+namespace qel_gateway::cli {
+
+namespace {
+
+constexpr Duration kPresence{5000};
+
+// Probes every five seconds until the session ends.
+Task<void> stay_present(Session& session) {
+  while (!session.interrupted()) {
+    announce(session);
+    auto wait = session.sleep(kPresence);
+    const Outcome outcome = co_await wait;
+    if (outcome == Outcome::Interrupted) {
+      co_return;
+    }
+  }
+}
+
+// The switches meant; all of them when none was named.
+std::vector<Switch> watched(Context& context) {
+  return selected(context, context.options().selector.empty() ? "all" : context.options().selector);
+}
+
+struct WatchArguments {
+  size_t count = 0;
+  double seconds = 0;
+};
+
+Task<void> watch_until(Session& session, WatchLog& log, WatchArguments arguments) {
+  const TimePoint end = session.now() + Duration(static_cast<int64_t>(arguments.seconds * 1000));
+  constexpr Duration kTurn{1000};
+  while (!session.interrupted()) {
+    if ((arguments.count > 0 && log.events() >= arguments.count) ||
+        (arguments.seconds > 0 && session.now() >= end)) {
+      co_return;
+    }
+    const Duration left = std::chrono::duration_cast<Duration>(end - session.now());
+    auto wait = session.sleep(arguments.seconds > 0 ? std::clamp(left, Duration(1), kTurn) : kTurn);
+    const Outcome outcome = co_await wait;
+    if (outcome == Outcome::Interrupted) {
+      co_return;
+    }
+    log.tick(session.now());
+  }
+}
+
+ExitCode run_watch(Context& context, WatchArguments arguments) {
+  if (context.options().dry_run) {
+    return dry_run(context, [](const std::string&) {
+      return std::vector<std::string>{probe_text(kUnknownOwnMac, 1)};
+    });
+  }
+  Session& session = context.session();
+  const auto switches = watched(context);
+  WatchLog log(switches, context.options().selector.empty(), session.now(), [&](const Event& e) {
+    context.print(context.options().json ? event_json(e) : event_line(e, context.style().colour));
+    std::fflush(stdout);
+    if (arguments.count > 0) {
+      session.wake_sleepers();
+    }
+  });
+  session.on_unasked([&](const Reply& reply) { log.hear(reply, session.now()); });
+  context.note(fmt::format("watching {} switch{}; Ctrl-C ends", switches.size(),
+                           switches.size() == 1 ? "" : "es"));
+  session.spawn(stay_present(session));
+  context.run(watch_until(session, log, arguments));
+  return ExitCode::Done;
+}
+
+struct TopArguments {
+  double interval = 2;
+  size_t rounds = 0;
+};
+
+class Top {
+ public:
+  Top(Context& context, TopArguments arguments)
+      : context_(context), arguments_(arguments), view_(watched(context)) {}
+
+  ExitCode run() {
+    const Screen screen;
+    const WakeDescriptor wake;
+    Session& session = context_.session();
+    context_.transport().wake_on(wake.get());
+    session.on_wake([this] { obey_keys(); });
+    context_.run(refresh());
+    session.on_wake({});
+    context_.transport().wake_on(interrupt_descriptor());
+    return ExitCode::Done;
+  }
+
+ private:
+  void draw() {
+    const ScreenSize size = Screen::size();
+    drawn_ = size;
+    const std::string clock = fmt::format("{:%H:%M:%S}", fmt::localtime(std::time(nullptr)));
+    Screen::draw(view_.text(size.columns, size.rows, context_.style().colour, clock));
+  }
+
+  bool size_changed() const {
+    const ScreenSize now = Screen::size();
+    return now.columns != drawn_.columns || now.rows != drawn_.rows;
+  }
+
+  void obey_keys() {
+    bool any = false;
+    for (char key = Screen::key(); key != 0; key = Screen::key()) {
+      any = true;
+      quit_ = quit_ || !view_.key(key, Screen::size().rows);
+    }
+    if (quit_) {
+      context_.session().wake_sleepers();
+    } else if (any || size_changed()) {
+      draw();
+    }
+  }
+
+  Task<void> read_one(size_t index) {
+    try {
+      const PortTable table = co_await read_ports(context_.session(), view_.switches()[index],
+                                                  kPortEverything, context_.patience());
+      view_.update(index, table);
+    } catch (const Error&) {
+      view_.silent(index);
+    }
+    if (!quit_) {
+      draw();
+    }
+  }
+
+  Task<void> refresh() {
+    constexpr size_t kAtOnce = 8;
+    Session& session = context_.session();
+    draw();
+    for (size_t round = 1; !quit_; ++round) {
+      const std::function<Task<void>(size_t)> one = [this](size_t i) { return read_one(i); };
+      try {
+        co_await session.each(view_.switches().size(), kAtOnce, one);
+      } catch (const Interrupted&) {
+        co_return;
+      }
+      if (quit_ || round == arguments_.rounds) {
+        co_return;
+      }
+      auto wait = session.sleep(Duration(static_cast<int64_t>(arguments_.interval * 1000)));
+      const Outcome outcome = co_await wait;
+      if (outcome == Outcome::Interrupted) {
+        co_return;
+      }
+    }
+  }
+
+  Context& context_;
+  TopArguments arguments_;
+  TopView view_;
+  ScreenSize drawn_;
+  bool quit_ = false;
+};
+
+}  // namespace
+
+void add_live(CLI::App& app, Choice& choice) {
+  auto* watch = app.add_subcommand("watch", "Show what switches report unasked, as it comes");
+  watch->footer(
+      "Watches all switches unless --switch names one, and ends with Ctrl-C.\n\n"
+      "Example:\n  qelctl -i eth1 watch --json");
+  auto watching = std::make_shared<WatchArguments>();
+  watch->add_option("--count", watching->count, "End after so many events")->type_name("N");
+  watch->add_option("--for", watching->seconds, "End after so many seconds")
+      ->check(CLI::PositiveNumber)
+      ->type_name("SECONDS");
+  watch->callback([&choice, watching] {
+    choice.action = [watching](Context& context) { return run_watch(context, *watching); };
+  });
+
+  auto* top = app.add_subcommand("top", "Live view of rates, links, PoE and clients");
+  top->footer(
+      "Keys: q quits; p, t, r, l, c sort; u shows links only; arrows scroll.\n\n"
+      "Example:\n  qelctl -i eth1 top --interval 1");
+  auto showing = std::make_shared<TopArguments>();
+  top->add_option("--interval", showing->interval, "Seconds between two readings (2)")
+      ->check(CLI::Range(0.2, 3600.0))
+      ->type_name("SECONDS");
+  top->add_option("--rounds", showing->rounds, "End after so many readings")->type_name("N");
+  top->callback([&choice, showing] {
+    choice.action = [showing](Context& context) { return Top(context, *showing).run(); };
+  });
+}
+
+}  // namespace qel_gateway::cli

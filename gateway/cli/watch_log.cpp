@@ -1,0 +1,124 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Telling events.
+#include "gateway/cli/watch_log.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include "gateway/cli/port_output.h"
+#include "gateway/json.h"
+#include "gateway/ports.h"
+#include "gateway/table.h"
+#include "gateway/text.h"
+
+namespace qel_gateway::cli {
+
+namespace {
+
+constexpr Duration kSilent{11000};
+
+std::string client_words(const Json& details) {
+  const PortClient client = read_port_client(details);
+  const auto mac = parse_mac(client.mac);
+  std::string words = "client " + terminal_text(client.state);
+  if (client.state != "NONE") {
+    words += fmt::format("  {}  {}  {}", mac ? mac_display(*mac) : terminal_text(client.mac),
+                         terminal_text(client.ip), terminal_text(client.type));
+  }
+  return words;
+}
+
+std::string words_of(const Event& event, bool colour) {
+  if (event.kind == "ports_client") {
+    return tinted(terminal_text(event.port), Tint::Cyan, colour) + "  " +
+           client_words(event.details);
+  }
+  if (event.kind == "silent") {
+    return tinted("does not answer", Tint::Red, colour);
+  }
+  if (event.kind == "back" || event.kind == "new") {
+    return tinted(event.kind == "new" ? "is on the wire" : "answers again", Tint::Green, colour);
+  }
+  return terminal_text(event.kind) + "  " + terminal_text(dump_json(event.details));
+}
+
+}  // namespace
+
+std::string event_line(const Event& event, bool colour) {
+  return fmt::format("{:%H:%M:%S}  {}  {}\n", fmt::localtime(event.time), terminal_text(event.name),
+                     words_of(event, colour));
+}
+
+std::string event_json(const Event& event) {
+  OrderedJson line;
+  line["time"] = static_cast<int64_t>(event.time);
+  line["mac"] = mac_display(event.mac);
+  line["name"] = event.name;
+  line["event"] = event.kind;
+  if (!event.port.empty()) {
+    line["port"] = event.port;
+  }
+  if (event.kind == "ports_client") {
+    line["client"] = client_json(read_port_client(event.details));
+  } else if (!event.details.is_null()) {
+    line["details"] = OrderedJson::parse(dump_json(event.details));
+  }
+  return dump_json(line) + "\n";
+}
+
+WatchLog::WatchLog(const std::vector<Switch>& switches, bool open, TimePoint now, Sink sink)
+    : open_(open), sink_(std::move(sink)) {
+  for (const Switch& one : switches) {
+    known_[one.mac] = {one.identity.name, now, false};
+  }
+}
+
+void WatchLog::tell(const MacAddress& mac, const std::string& kind, const std::string& port,
+                    const Json& details) {
+  ++events_;
+  sink_({std::time(nullptr), mac, known_[mac].name, kind, port, details});
+}
+
+void WatchLog::hear_answer(const Reply& reply, TimePoint now) {
+  const Identity identity = read_identity(reply.data);
+  const bool fresh = !known_.contains(reply.mac);
+  if (fresh && !open_) {
+    return;
+  }
+  Known& known = known_[reply.mac];
+  const bool back = known.silent;
+  known = {identity.name, now, false};
+  if (fresh || back) {
+    tell(reply.mac, fresh ? "new" : "back", "", nullptr);
+  }
+}
+
+void WatchLog::hear(const Reply& reply, TimePoint now) {
+  if (reply.subject == "answer") {
+    hear_answer(reply, now);
+    return;
+  }
+  if (reply.subject.empty() || !known_.contains(reply.mac)) {
+    return;
+  }
+  if (reply.subject == "ports_client" && reply.data.is_object()) {
+    for (const auto& [port, details] : reply.data.items()) {
+      read_port_client(details);
+      tell(reply.mac, reply.subject, port, details);
+    }
+    return;
+  }
+  tell(reply.mac, reply.subject, "", reply.data);
+}
+
+void WatchLog::tick(TimePoint now) {
+  for (auto& [mac, known] : known_) {
+    if (!known.silent && now - known.heard >= kSilent) {
+      known.silent = true;
+      tell(mac, "silent", "", nullptr);
+    }
+  }
+}
+
+}  // namespace qel_gateway::cli
