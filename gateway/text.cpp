@@ -76,7 +76,8 @@ Character decode(std::string_view text) {
     }
     code = code << 6 | (next & 0x3FU);
   }
-  if (length > 1 && code < kLeast[length]) {
+  constexpr uint32_t kLast = 0x10FFFF;
+  if ((length > 1 && code < kLeast[length]) || code > kLast) {
     return {};
   }
   return {code, length, true};

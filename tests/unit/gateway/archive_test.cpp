@@ -118,7 +118,7 @@ TEST(Archive, RefusesTarsThatAreNotWhole) {
   EXPECT_EQ(tar_fault({}), "not a configuration archive: the tar has no end");
   EXPECT_EQ(tar_fault(kEnd), "not a configuration archive: it is empty");
   EXPECT_EQ(tar_fault(member("a.conf", "x")), "not a configuration archive: the tar has no end");
-  EXPECT_EQ(tar_fault(header("a.conf", "00000002000") + kEnd),
+  EXPECT_EQ(tar_fault(header("a.conf", "00000002001") + kEnd),
             "not a configuration archive: \"a.conf\" is cut short");
   EXPECT_EQ(tar_fault(header("a.conf", "77777777777") + kEnd),
             "not a configuration archive: \"a.conf\" is cut short");

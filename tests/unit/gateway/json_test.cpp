@@ -29,7 +29,7 @@ TEST(Json, RefusesWhatIsNotExactlyOneValue) {
   EXPECT_EQ(parse_fault("{\"a\":1,}"), "no JSON from byte 8 on");
   EXPECT_EQ(parse_fault("{'a':1}"), "no JSON from byte 2 on");
   EXPECT_EQ(parse_fault("/* c */ {}"), "no JSON from byte 1 on");
-  EXPECT_EQ(parse_fault("[NaN]"), "no JSON from byte 3 on");
+  EXPECT_EQ(parse_fault("[NaN]"), "no JSON from byte 2 on");
   EXPECT_EQ(parse_fault("\"\x1b[31m\""), "no JSON from byte 2 on");
   EXPECT_EQ(parse_fault("\"\xff\""), "no JSON from byte 2 on");
   EXPECT_EQ(parse_fault("{\"a\":1e999}"), "JSON with a number that no computer holds");

@@ -48,25 +48,25 @@ PortTable sample() {
 
 TEST(Output, PortsAtTwoWidths) {
   EXPECT_EQ(ports_table(sample()).text({200, false}),
-            "PORT  MEDIA  STATE  LINK           SPEED  POE  TX/s  RX/s  CLIENT             "
+            "PORT  MEDIA  STATE  LINK          SPEED  POE  TX/s  RX/s  CLIENT             "
             "IP            TYPE  FEATURES  TX BYTES  RX BYTES\n"
-            "ge1   G      on     up         1000 full  on    25k    10  00:11:22:33:44:55  "
+            "ge1   G      on     up        1000 full  on    25k    10  00:11:22:33:44:55  "
             "192.168.1.20  UN    eee lldp      1.2M      1.0k\n"
-            "ge2   G      on     down                                                       "
-            "                  eee lldp\n"
+            "ge2   G      on     down                                                      "
+            "                   eee lldp\n"
             "ge3   G      off    back 7s                                                    "
             "                  eee lldp\n"
             "ge4   G      off    down                                                       "
             "                  eee lldp\n"
-            "xe1   G      on     up        10000 full        12M     9  00:11:22:33:44:66  "
+            "xe1   G      on     up       10000 full        12M     9  00:11:22:33:44:66  "
             "              SW    eee lldp         5         6\n");
   EXPECT_EQ(ports_table(sample()).text({80, false}),
-            "PORT  MEDIA  STATE  LINK           SPEED  POE  TX/s  RX/s  CLIENT\n"
-            "ge1   G      on     up         1000 full  on    25k    10  00:11:22:33:44:55\n"
+            "PORT  MEDIA  STATE  LINK          SPEED  POE  TX/s  RX/s  CLIENT\n"
+            "ge1   G      on     up        1000 full  on    25k    10  00:11:22:33:44:55\n"
             "ge2   G      on     down\n"
             "ge3   G      off    back 7s\n"
             "ge4   G      off    down\n"
-            "xe1   G      on     up        10000 full        12M     9  00:11:22:33:44:66\n");
+            "xe1   G      on     up       10000 full        12M     9  00:11:22:33:44:66\n");
 }
 
 TEST(Output, PortsInJsonAreNamedNotPlaced) {
@@ -132,7 +132,7 @@ TEST(Output, IdentityTable) {
   EXPECT_EQ(
       identity_table({office_switch()}).text({0, false}),
       "MAC                NAME       ADDRESS          MODEL         UPTIME  CPU  MEM  ACTIVE\n"
-      "0a:1b:2c:3d:4e:5f  office-sw  192.168.1.10/24  QM4410_MODEL  1h 0m    0%   0%       0\n");
+      "0a:1b:2c:3d:4e:5f  office-sw  192.168.1.10/24  QM4410_MODEL   1h 0m   0%   0%       0\n");
   Switch hostile = office_switch();
   hostile.identity.name = "\x1b]0;x\x07";
   hostile.identity.model = "a\nb";
@@ -259,11 +259,11 @@ class ProgressTest : public testing::Test {
 };
 
 TEST_F(ProgressTest, ABarTellsPartRateAndTimeLeft) {
-  EXPECT_EQ(Progress::bar(0, 8000000, 0, 48), "[......................]   0%       0 B/s   -:--");
+  EXPECT_EQ(Progress::bar(0, 8000000, 0, 48), "[.....................]   0%       0 B/s    -:--");
   EXPECT_EQ(Progress::bar(4000000, 8000000, 4, 48),
-            "[###########...........]  50%    1.0 MB/s   0:04");
+            "[##########...........]  50%    1.0 MB/s    0:04");
   EXPECT_EQ(Progress::bar(8000000, 8000000, 4, 48),
-            "[######################] 100%    2.0 MB/s   0:00");
+            "[#####################] 100%    2.0 MB/s    0:00");
   EXPECT_EQ(Progress::bar(1, 2, 1, 10), " 50%");
 }
 
@@ -288,8 +288,8 @@ TEST_F(ProgressTest, BarsAreRedrawnInPlace) {
   progress.update(first, 500, 1000);
   EXPECT_EQ(out,
             "\033[2A"
-            "\r\033[Kone                  [########.........]  50%     500 B/s   0:01\n"
-            "\r\033[Ktwo                  [.................]   0%       0 B/s   -:--\n"
+            "\r\033[Kone                  [#####......]  50%     500 B/s    0:01\n"
+            "\r\033[Ktwo                  [...........]   0%       0 B/s    -:--\n"
             "\033[J");
   out.clear();
   progress.update(first, 600, 1000);
@@ -297,7 +297,7 @@ TEST_F(ProgressTest, BarsAreRedrawnInPlace) {
   progress.finish(first, true, "done");
   EXPECT_EQ(out,
             "\033[2A\r\033[Jone: done\n"
-            "\r\033[Ktwo                  [.................]   0%       0 B/s   -:--\n"
+            "\r\033[Ktwo                  [...........]   0%       0 B/s    -:--\n"
             "\033[J");
   out.clear();
   progress.finish(second, false, "failed");

@@ -32,8 +32,8 @@ TEST(Text, TakesAwayWhatIsNoUtf8) {
   EXPECT_EQ(terminal_text("\xc3"), "?");
   EXPECT_EQ(terminal_text("\xc0\xaf"), "??");  // overlong
   EXPECT_EQ(terminal_text("\xe0\x80\xaf"), "???");
-  EXPECT_EQ(terminal_text("\xed\xa0\x80"), "?");      // surrogate
-  EXPECT_EQ(terminal_text("\xf4\x90\x80\x80"), "?");  // beyond Unicode
+  EXPECT_EQ(terminal_text("\xed\xa0\x80"), "?");         // surrogate
+  EXPECT_EQ(terminal_text("\xf4\x90\x80\x80"), "????");  // beyond Unicode
 }
 
 TEST(Text, KeepsOtherScripts) {
