@@ -16,7 +16,6 @@ namespace {
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 using testing::SizeIs;
 
 // A device that is known as SW_0A1B2C3D4E5F, at 1700000000 seconds.

@@ -6,6 +6,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -18,7 +19,6 @@
 
 namespace {
 
-using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -107,6 +107,12 @@ class IpcTest : public AgentTest {
   }
 
   static qel_port& port(const char* name) { return *qel_port_of(uif_get_by_name(name)); }
+
+  static void set_mac(const char* name, uint8_t last) {
+    constexpr uint8_t kStart[5] = {0x00, 0x11, 0x22, 0x33, 0x44};
+    std::copy(std::begin(kStart), std::end(kStart), port(name).client_mac);
+    port(name).client_mac[5] = last;
+  }
 
   static std::string mac_of(const char* name) {
     return hex(port(name).client_mac, sizeof qel_port::client_mac);
@@ -327,7 +333,7 @@ TEST_F(IpcTest, NeighbourThatMovesVanishesFromItsOldPort) {
 
 TEST_F(IpcTest, NeighbourThatMovesVanishesFromEveryPortThatHadIt) {
   for (const char* name : {"ge2", "ge3", "ge4"}) {
-    std::memcpy(port(name).client_mac, "\x00\x11\x22\x33\x44\x55", 6);
+    set_mac(name, 0x55);
     port(name).client_time = 7;
   }
   event(kNeighbour);
@@ -338,8 +344,8 @@ TEST_F(IpcTest, NeighbourThatMovesVanishesFromEveryPortThatHadIt) {
 }
 
 TEST_F(IpcTest, PortsWithoutAClientOrWithAnotherOneAreLeftAlone) {
-  std::memcpy(port("ge2").client_mac, "\x00\x11\x22\x33\x44\x55", 6);  // learnt by ARP only
-  std::memcpy(port("ge3").client_mac, "\x00\x11\x22\x33\x44\x56", 6);
+  set_mac("ge2", 0x55);  // learnt by ARP only
+  set_mac("ge3", 0x56);
   port("ge3").client_time = 7;
   event(kNeighbour);
   EXPECT_EQ(mac_of("ge2"), "001122334455");

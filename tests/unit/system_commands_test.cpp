@@ -17,9 +17,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 using testing::SizeIs;
-using testing::StartsWith;
 
 constexpr char kReport[] =
     R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"sys_info","data":{"dhcp":0,"sys_ip":"192.168.1.10","sys_mask":24,"timestamp":1700000000}})";

@@ -24,8 +24,6 @@ extern "C" __attribute__((used)) void* __wrap_calloc(size_t count, size_t size) 
 
 namespace {
 
-using testing::ContainsRegex;
-using testing::Each;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::IsEmpty;
