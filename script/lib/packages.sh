@@ -12,11 +12,11 @@ packages_build=(
 )
 
 # To run a lab.
-packages_run=(python3 iproute2 util-linux procps)
+packages_run=(python3 iproute2 util-linux procps wget)
 
 # To run every test and check.
 packages_test=(
   clang clang-format clang-tidy libclang-rt-14-dev
-  python3-pytest python3-jsonschema shellcheck telnet lldpd iputils-ping
+  python3-pytest python3-jsonschema shellcheck telnet lldpd nftables iputils-ping
   g++-mips-linux-gnu qemu-user dpkg-dev
 )
