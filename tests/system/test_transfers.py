@@ -203,7 +203,7 @@ def test_disk_that_fills_up_abandons_the_download_and_keeps_the_files(make_lab):
         if states[-1] == 0:
             break
     assert states[0] == 2 and states[-1] == 0
-    assert "Write failed! written[" in lab.console()
+    wait_until(lambda: "Write failed! written[" in lab.console(), "the console's line")
     listed = lab.switch("sh", "-c", "cat /var/conf/nvram.conf").stdout
     assert listed.encode() == files["nvram.conf"]
     lab.gateway.probe()

@@ -5,7 +5,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "qel/qel_api.h"
 #include "qel/qel_devinfo.h"
@@ -20,13 +22,31 @@
 extern "C" void* __real_malloc(size_t size);
 static size_t g_malloc_fails_at = SIZE_MAX;
 extern "C" __attribute__((used)) void* __wrap_malloc(size_t size) {
-  if (size >= g_malloc_fails_at) {
+  if (size == g_malloc_fails_at) {
     g_malloc_fails_at = SIZE_MAX;
     errno = ENOMEM;
     return nullptr;
   }
   return __real_malloc(size);
 }
+
+#ifndef __SANITIZE_ADDRESS__
+// Where the C++ run-time is linked in, its operator new comes by the wrapper, too. What the tests
+// and the fake allocate for themselves must not fail.
+void* operator new(size_t size) {
+  void* memory = __real_malloc(size > 0 ? size : 1);
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
+  return memory;
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, size_t /*size*/) noexcept {
+  std::free(memory);
+}
+#endif
 
 namespace {
 

@@ -65,7 +65,7 @@ std::string bytes(const char (&literal)[Size]) {
 std::string stderr_of(const std::function<void()>& action);
 std::string stdout_of(const std::function<void()>& action);
 
-// The next malloc of `size` bytes or more fails.
+// The next malloc of exactly `size` bytes fails.
 void fail_malloc(size_t size);
 
 // "offset: hexadecimal  text" lines.
