@@ -77,17 +77,18 @@ std::vector<size_t> Table::natural_widths() const {
 void Table::leave_out(std::vector<bool>& shown, const std::vector<size_t>& least,
                       size_t limit) const {
   while (total(least, shown) > limit) {
-    size_t heaviest = columns_.size();
+    int heaviest = 0;
     for (size_t i = 0; i < columns_.size(); ++i) {
-      if (shown[i] && columns_[i].weight > 0 &&
-          (heaviest == columns_.size() || columns_[i].weight >= columns_[heaviest].weight)) {
-        heaviest = i;
+      if (shown[i]) {
+        heaviest = std::max(heaviest, columns_[i].weight);
       }
     }
-    if (heaviest == columns_.size()) {
+    if (heaviest == 0) {
       return;
     }
-    shown[heaviest] = false;
+    for (size_t i = 0; i < columns_.size(); ++i) {
+      shown[i] = shown[i] && columns_[i].weight != heaviest;
+    }
   }
 }
 

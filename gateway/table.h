@@ -20,7 +20,7 @@ std::string tinted(const std::string& text, Tint tint, bool colour);
 struct Column {
   std::string title;
   Align align = Align::Left;
-  int weight = 0;       // columns of weight 0 are never left out; higher weights go first
+  int weight = 0;       // 0: never left out; the highest weights go first, equal ones together
   size_t flexible = 0;  // may be narrowed to this many columns; 0: never
 };
 
