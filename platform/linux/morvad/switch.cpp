@@ -158,7 +158,7 @@ void Switch::back(Backing* backing, bool frames) {
 }
 
 std::string Switch::frames_to_cpu_set(bool on) {
-  const std::string refusal = backing_ != nullptr ? backing_->let_frames(on) : "";
+  std::string refusal = backing_ != nullptr ? backing_->let_frames(on) : "";
   if (refusal.empty()) {
     frames_to_cpu_ = on;
   }

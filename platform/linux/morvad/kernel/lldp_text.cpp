@@ -66,7 +66,7 @@ std::string mac_id(const json& object) {
 
 std::string management_address(const json& chassis) {
   for (const json& each : list_of(chassis, "mgmt-ip")) {
-    const std::string ip = text_of(each, "value");
+    std::string ip = text_of(each, "value");
     if (is_host_address(ip)) {
       return ip;
     }
