@@ -9,6 +9,7 @@ process 1 goes, the kernel ends whatever else is left in the lab.
 import os
 import selectors
 import shlex
+import shutil
 import signal
 import sys
 import time
@@ -193,9 +194,12 @@ class Keeper:
             print(f"lab: gw0 leads to the switch, LAB_DIR is {self.options.dir};", file=sys.stderr)
             print("lab: $LAB_SWITCH runs a command in it, `exit` ends it all", file=sys.stderr)
         signals = [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGPIPE, signal.SIGCHLD]
+        # Looked up on the command's own PATH: posix_spawnp would search ours.
+        name = self.options.command[0]
+        program = shutil.which(name, path=environment["PATH"]) or name
         try:
-            self.command = os.posix_spawnp(
-                self.options.command[0], self.options.command, environment, setsigdef=signals
+            self.command = os.posix_spawn(
+                program, self.options.command, environment, setsigdef=signals
             )
         except OSError as error:
             print(f"lab: {self.options.command[0]}: {error.strerror}", file=sys.stderr)
