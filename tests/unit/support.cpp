@@ -86,6 +86,10 @@ AgentTest::AgentTest() {
   fake::clear_records();
 }
 
+AgentTest::~AgentTest() {
+  reset_agent();
+}
+
 void AgentTest::start() {
   qel_table_dev_init();
   qel_dev_init();

@@ -24,6 +24,8 @@ inline constexpr fake::Mac kGroup = {0x01, 0x80, 0xc2, 0x00, 0x00, 0x1f};
 class AgentTest : public testing::Test {
  protected:
   AgentTest();
+  // What a test left open, a download among it, is closed: each test must leave no leak of its own.
+  ~AgentTest() override;
 
   // Gives each switch port its record and initialises the device record, as the start does; the
   // raw socket is open then. Forgets what that recorded.
