@@ -114,6 +114,7 @@ class Top {
   void draw() {
     const ScreenSize size = Screen::size();
     drawn_ = size;
+    last_draw_ = context_.session().now();
     const std::string clock = fmt::format("{:%H:%M:%S}", fmt::localtime(std::time(nullptr)));
     Screen::draw(view_.text(size.columns, size.rows, context_.style().colour, clock));
   }
@@ -144,7 +145,9 @@ class Top {
     } catch (const Error&) {
       view_.silent(index);
     }
-    if (!quit_) {
+    // With many switches a screen for each reading would be a flicker nobody can read.
+    constexpr Duration kDrawEvery{50};
+    if (!quit_ && context_.session().now() - last_draw_ >= kDrawEvery) {
       draw();
     }
   }
@@ -160,7 +163,11 @@ class Top {
       } catch (const Interrupted&) {
         co_return;
       }
-      if (quit_ || round == arguments_.rounds) {
+      if (quit_) {
+        co_return;
+      }
+      draw();
+      if (round == arguments_.rounds) {
         co_return;
       }
       auto wait = session.sleep(Duration(static_cast<int64_t>(arguments_.interval * 1000)));
@@ -175,6 +182,7 @@ class Top {
   TopArguments arguments_;
   TopView view_;
   ScreenSize drawn_;
+  TimePoint last_draw_;
   bool quit_ = false;
 };
 
