@@ -44,7 +44,7 @@ class Qelctl:
         output = self("--json", *arguments, **options).stdout
         return [json.loads(line) for line in output.splitlines()]
 
-    def on_terminal(self, *arguments, steps=(), columns=80, rows=24, seconds=30, shown_on=None):
+    def on_terminal(self, *arguments, steps=(), columns=80, rows=24, seconds=30, shown_on=None, environment=()):
         """Runs it on a terminal. Returns (status, the Terminal, all that was printed). `shown_on`:
         (columns, rows) of the Terminal that shows it all, for a window that grows."""
         plan = {
@@ -52,7 +52,7 @@ class Qelctl:
             "rows": rows,
             "seconds": seconds,
             "steps": [list(step) for step in steps],
-            "argv": ["env", "-u", "COLUMNS", "TERM=xterm", "qelctl", *self.shared, *arguments],
+            "argv": ["env", "-u", "COLUMNS", "TERM=xterm", *environment, "qelctl", *self.shared, *arguments],
         }
         result = self.lab.run(PYTHON, str(TERMINAL_USER), json.dumps(plan), timeout=seconds + 10)
         told = json.loads(result.stdout)
