@@ -19,4 +19,8 @@ packages_test=(
   clang clang-format clang-tidy libclang-rt-14-dev
   python3-pytest python3-jsonschema shellcheck telnet lldpd nftables iputils-ping
   g++-mips-linux-gnu qemu-user dpkg-dev
+  mandoc aspell aspell-en codespell zsh tcpdump
 )
+
+# To make the Debian packages and to try them in a clean root.
+packages_package=(debhelper dpkg-dev fakeroot lintian debootstrap libcap2-bin)
