@@ -9,6 +9,7 @@
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -26,7 +27,24 @@ int qel_os_bind(int fd, const struct sockaddr* address, socklen_t length) {
 }
 
 int qel_os_accept(int fd, struct sockaddr* address, socklen_t* length) {
-  return accept4(fd, address, length, SOCK_CLOEXEC | SOCK_NONBLOCK);
+  // Held back for when there is no other: a caller that is left in the queue keeps the listening
+  // socket readable, and so the loop busy, until somebody frees a descriptor.
+  static int spare = -1;
+  if (spare < 0) {
+    spare = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  }
+  const int accepted = accept4(fd, address, length, SOCK_CLOEXEC | SOCK_NONBLOCK);
+  if (accepted >= 0 || (errno != EMFILE && errno != ENFILE) || spare < 0) {
+    return accepted;
+  }
+  close(spare);
+  const int turned_away = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
+  if (turned_away >= 0) {
+    close(turned_away);
+  }
+  spare = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  errno = EMFILE;
+  return -1;
 }
 
 ssize_t qel_os_recvfrom(int fd, void* buffer, size_t size, struct sockaddr* address,

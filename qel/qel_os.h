@@ -22,7 +22,8 @@ int qel_os_setsockopt(int fd, int level, int option, int value);
 // bind(2). Returns 0, or -1 with errno set.
 int qel_os_bind(int fd, const struct sockaddr* address, socklen_t length);
 
-// accept(2), close-on-exec and non-blocking. `address`/`length` as accept(2). Descriptor, or -1.
+// accept(2), close-on-exec and non-blocking. `address`/`length` as accept(2). Descriptor, or -1. With
+// no descriptor left (EMFILE, ENFILE) the caller that waited has been turned away.
 int qel_os_accept(int fd, struct sockaddr* address, socklen_t* length);
 
 // recvfrom(2) that does not wait; `address` may be null (then `length` is too). Bytes, or -1.
