@@ -26,7 +26,8 @@ std::vector<std::string>& lines() {
 
 zlog the_log{0};
 
-void add_line(const char* level, const char* format, va_list args) {
+__attribute__((format(printf, 2, 0))) void add_line(const char* level, const char* format,
+                                                    va_list args) {
   char* text = nullptr;
   const int length = vasprintf(&text, format, args);
   if (length >= 0) {

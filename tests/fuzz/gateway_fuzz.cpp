@@ -40,7 +40,9 @@ void read_reply(std::string_view text) {
     if (!data.is_object()) {
       return;
     }
-    for (const auto& [name, row] : data.items()) {
+    for (const auto& member_of_data : data.items()) {
+      const std::string& name = member_of_data.key();
+      const Json& row = member_of_data.value();
       terminal_text(name);
       attempt([&] { read_port_info(name, row); });
       attempt([&] { read_port_position(row); });
