@@ -60,12 +60,39 @@ def does_not_read(client, _):
     kept.append(client)
 
 
+def dies(client, _):
+    """Takes the request, says half a sentence, and is gone; its socket stays behind, without anybody."""
+    read_request(client)
+    client.sendall(b'{"ret":0,"data":[{"name":"ge1",')
+    os._exit(1)
+
+
+def stutters(client, _):
+    """Answers as the module would that was put aside, but in small pieces with pauses between."""
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as module:
+        module.connect(PATH.format(sys.argv[1]) + ".kept")
+        while part := client.recv(65536):
+            module.sendall(part)
+        module.shutdown(socket.SHUT_WR)
+        answer = b""
+        while part := module.recv(65536):
+            answer += part
+    for at in range(0, len(answer), PIECE):
+        client.sendall(answer[at : at + PIECE])
+        time.sleep(0.002)
+
+
+PATH = "/var/run/morva/{}.sock"
+PIECE = 200
 kept = []
-BEHAVIOURS = {one.__name__: one for one in (closes, answers, floods, is_silent, trickles, does_not_read)}
+BEHAVIOURS = {
+    one.__name__: one
+    for one in (closes, answers, floods, is_silent, trickles, does_not_read, dies, stutters)
+}
 
 
 def main(module, behaviour, text=""):
-    path = f"/var/run/morva/{module}.sock"
+    path = PATH.format(module)
     if os.path.exists(path):
         os.unlink(path)
     listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)

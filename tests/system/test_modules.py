@@ -61,7 +61,7 @@ def double(lab, module, behaviour, text=""):
         yield
     finally:
         if pid is not None:
-            lab.switch("kill", pid)
+            lab.switch("kill", pid, check=False)  # it may have died by itself
         lab.switch("mv", path + ".kept", path)
 
 
