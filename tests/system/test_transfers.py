@@ -48,6 +48,14 @@ def send_chunk(gateway, subcmd, index, more, total, part, crc=0, length=None):
     gateway.send(text + b"\0" + part, length=len(text) + 17)
 
 
+def answer_to(gateway, subcmd, seconds=5.0):
+    """The next message about `subcmd`: a change of a port may be told between a question and it."""
+    while True:
+        answer = gateway.receive(seconds)
+        if answer.json.get("subcmd") == subcmd:
+            return answer
+
+
 def push(gateway, subcmd, image, chunk=CHUNK):
     """Pushes `image` whole and returns the last answer's data."""
     parts = [image[at : at + chunk] for at in range(0, len(image), chunk)]
@@ -55,7 +63,7 @@ def push(gateway, subcmd, image, chunk=CHUNK):
     for index, part in enumerate(parts):
         more = index + 1 < len(parts)
         send_chunk(gateway, subcmd, index, more, len(image), part, crc=zlib.crc32(image))
-        answer = gateway.receive(20.0).json["data"]
+        answer = answer_to(gateway, subcmd, 20.0).json["data"]
         if more:
             assert answer == {"state": 2, "index": index + 1, "file": "f"}
     return answer
@@ -119,9 +127,9 @@ def reports(gateway):
     result = {}
     for subcmd, messages in (("ports_info", 2), ("ports_conf", 2), ("ports_poe", 1)):
         gateway.command("get", subcmd, {})
-        result[subcmd] = [gateway.receive().text for _ in range(messages)]
+        result[subcmd] = [answer_to(gateway, subcmd).text for _ in range(messages)]
     gateway.command("get", "ports_link", {})
-    result["ports_link"] = [gateway.receive().text]
+    result["ports_link"] = [answer_to(gateway, "ports_link").text]
     return result
 
 
