@@ -49,10 +49,10 @@ def send_chunk(gateway, subcmd, index, more, total, part, crc=0, length=None):
 
 
 def answer_to(gateway, subcmd, seconds=5.0):
-    """The next message about `subcmd`: a change of a port may be told between a question and it."""
+    """The next message in answer to `subcmd`: a change of a port may be told in between."""
     while True:
         answer = gateway.receive(seconds)
-        if answer.json.get("subcmd") == subcmd:
+        if subcmd == "ports_link" or answer.json["subcmd"] != "ports_link":
             return answer
 
 
