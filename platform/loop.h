@@ -35,6 +35,8 @@ struct thread_master* thread_master_create(void);
 
 /*
  * Calls `func` once, when `fd` is readable, at end of file or in error.
+ * A callback that closes its descriptor does not register the same `func` and `arg` again for
+ * another file under the same number before it returns: that would not be heard.
  * `name`, `file` and `line` tell the platform's diagnostics who asked; the texts must outlive the
  * registration (string literals do). Returns a handle, or NULL when nothing was registered.
  */

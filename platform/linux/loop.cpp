@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The event loop of platform/loop.h on libevent: every registration is an event_base_once().
+// The event loop of platform/loop.h on libevent. A timer is an event_base_once(). A reader is an
+// event that stays in the kernel's set while its callback runs: most callbacks register themselves
+// again, which then costs no system call. One that does not is taken out when it returns.
 #include "platform/loop.h"
 
 #include <event2/event.h>
@@ -11,26 +13,51 @@
 
 namespace {
 
-// One registration, from malloc; freed when it fires.
+// One registration, from malloc; freed when it is spent.
 struct registration {
   thread_master* master;
   thread_func func;
   void* arg;
   const char* name;
+  int fd;        // -1: a timer
+  event* watch;  // of a reader; null: a timer
 };
 
 unsigned long turns = 0;
 bool in_callback = false;
+registration* running = nullptr;  // the reader whose callback runs, unless that took it out
+bool wanted_again = false;        // it has registered itself once more
 
-void run_registration(evutil_socket_t fd, short /*events*/, void* opaque) {
-  registration* entry = static_cast<registration*>(opaque);
-  thread record = {entry->master, entry->arg, fd};
+void run(registration* entry) {
+  thread record = {entry->master, entry->arg, entry->fd};
   const thread_func func = entry->func;
-  free(entry);
+  if (entry->watch == nullptr) {
+    free(entry);
+  }
   in_callback = true;
   ++turns;
   func(&record);
   in_callback = false;
+}
+
+void run_timer(evutil_socket_t /*fd*/, short /*events*/, void* opaque) {
+  run(static_cast<registration*>(opaque));
+}
+
+void release(registration* entry) {
+  event_free(entry->watch);  // out of the kernel's set, unless the descriptor is closed already
+  free(entry);
+}
+
+void run_reader(evutil_socket_t /*fd*/, short /*events*/, void* opaque) {
+  auto* entry = static_cast<registration*>(opaque);
+  running = entry;
+  wanted_again = false;
+  run(entry);
+  if (running != nullptr && !wanted_again) {
+    release(entry);
+  }
+  running = nullptr;
 }
 
 void run_signal(evutil_socket_t /*signo*/, short /*events*/, void* opaque) {
@@ -44,23 +71,43 @@ void log_from_libevent(int severity, const char* message) {
   }
 }
 
-void* register_once(thread_master* master, thread_func func, void* arg, int fd, short events,
-                    const timeval* delay, const char* name, const char* file, int line) {
+registration* make(thread_master* master, thread_func func, void* arg, int fd, const char* name) {
   if (master == nullptr || func == nullptr) {
     return nullptr;
   }
-  registration* entry = static_cast<registration*>(malloc(sizeof(registration)));
-  if (entry == nullptr) {
-    return nullptr;
-  }
-  *entry = {master, func, arg, name};
-  if (event_base_once(master->base, fd, events, run_registration, entry, delay) != 0) {
-    free(entry);
-    zlog_err("event loop: %s (%s:%d) cannot be registered", name != nullptr ? name : "?",
-             file != nullptr ? file : "?", line);
-    return nullptr;
+  auto* entry = static_cast<registration*>(malloc(sizeof(registration)));
+  if (entry != nullptr) {
+    *entry = {master, func, arg, name, fd, nullptr};
   }
   return entry;
+}
+
+void* refuse(registration* entry, const char* file, int line) {
+  zlog_err("event loop: %s (%s:%d) cannot be registered",
+           entry->name != nullptr ? entry->name : "?", file != nullptr ? file : "?", line);
+  if (entry->watch != nullptr) {
+    event_free(entry->watch);
+  }
+  free(entry);
+  return nullptr;
+}
+
+// What the running callback registers for its own descriptor. True when the registration goes on
+// as it is. Anything but the same reader may be for another file behind the same number, which the
+// kernel's set does not know: the old one is then taken out before the new one comes in.
+bool goes_on(const thread_master* master, thread_func func, const void* arg, int fd) {
+  if (running == nullptr || running->fd != fd || running->master != master) {
+    return false;
+  }
+  if (running->func == func && running->arg == arg && !wanted_again) {
+    wanted_again = true;
+    return true;
+  }
+  if (!wanted_again) {
+    release(running);
+    running = nullptr;
+  }
+  return false;
 }
 
 }  // namespace
@@ -102,13 +149,27 @@ void* funcname_thread_add_read(thread_master* master, thread_func func, void* ar
   if (fd < 0) {
     return nullptr;
   }
-  return register_once(master, func, arg, fd, EV_READ, nullptr, name, file, line);
+  if (goes_on(master, func, arg, fd)) {
+    return running;
+  }
+  registration* entry = make(master, func, arg, fd, name);
+  if (entry == nullptr) {
+    return nullptr;
+  }
+  entry->watch = event_new(master->base, fd, EV_READ | EV_PERSIST, run_reader, entry);
+  const bool good = entry->watch != nullptr && event_add(entry->watch, nullptr) == 0;
+  return good ? entry : refuse(entry, file, line);
 }
 
 void* funcname_thread_add_timer(thread_master* master, thread_func func, void* arg, long seconds,
                                 const char* name, const char* file, int line) {
   const timeval delay = {seconds > 0 ? seconds : 0, 0};
-  return register_once(master, func, arg, -1, EV_TIMEOUT, &delay, name, file, line);
+  registration* entry = make(master, func, arg, -1, name);
+  if (entry == nullptr) {
+    return nullptr;
+  }
+  const bool good = event_base_once(master->base, -1, EV_TIMEOUT, run_timer, entry, &delay) == 0;
+  return good ? entry : refuse(entry, file, line);
 }
 
 void signal_init(thread_master* master, int count, const loop_signal* signals) {

@@ -114,6 +114,89 @@ TEST(LoopTest, ReaderThatRegistersAgainHearsTheRest) {
   EXPECT_EQ("abc", seen.text);
 }
 
+int count_steps(thread* thread) {
+  auto* steps = static_cast<int*>(thread->arg);
+  char byte = 0;
+  EXPECT_EQ(1, read(thread->fd, &byte, 1));
+  if (++*steps < 3) {
+    funcname_thread_add_read(thread->master, count_steps, thread->arg, thread->fd, "count",
+                             "loop_test", 1);
+  } else {
+    leave(thread->master);
+  }
+  return 0;
+}
+
+// A reader that stops registering is not called again, however often it did before.
+TEST(LoopTest, ReaderThatStopsIsLeftAlone) {
+  thread_master* master = new_loop();
+  Pipe pipe;
+  int steps = 0;
+  funcname_thread_add_read(master, count_steps, &steps, pipe.reader(), "count", "loop_test", 1);
+  ASSERT_EQ(5, write(pipe.writer(), "abcde", 5));
+  thread_main(master);
+  EXPECT_EQ(3, steps);
+  Seen late;
+  funcname_thread_add_timer(master, record, &late, 0, "record", "loop_test", 1);
+  thread_main(master);
+  EXPECT_EQ(3, steps);
+}
+
+struct Swap {
+  Pipe* fresh;
+  Seen seen;
+};
+
+// Closes what it was called for, puts another file under the number, and hands over to `record`.
+int swap_file(thread* thread) {
+  auto* swap = static_cast<Swap*>(thread->arg);
+  EXPECT_EQ(0, close(thread->fd));
+  EXPECT_EQ(thread->fd, dup2(swap->fresh->reader(), thread->fd));
+  funcname_thread_add_read(thread->master, record, &swap->seen, thread->fd, "record", "loop_test",
+                           1);
+  return 0;
+}
+
+TEST(LoopTest, AnotherFileUnderTheSameNumberIsHeard) {
+  thread_master* master = new_loop();
+  Pipe old;
+  Pipe fresh;
+  Swap swap = {&fresh, {}};
+  const int number = dup(old.reader());
+  ASSERT_GE(number, 0);
+  ASSERT_NE(nullptr, funcname_thread_add_read(master, swap_file, &swap, number, "swap_file",
+                                              "loop_test", 1));
+  ASSERT_EQ(1, write(old.writer(), "o", 1));
+  ASSERT_EQ(1, write(fresh.writer(), "f", 1));
+  thread_main(master);
+  EXPECT_EQ("f", swap.seen.text);
+  close(number);
+}
+
+Seen* second_reader;
+
+// Registers itself again and another reader for the same descriptor.
+int invite(thread* thread) {
+  funcname_thread_add_read(thread->master, again, thread->arg, thread->fd, "again", "loop_test", 1);
+  funcname_thread_add_read(thread->master, record, second_reader, thread->fd, "record", "loop_test",
+                           1);
+  return record(thread);
+}
+
+TEST(LoopTest, TwoReadersOfOneDescriptorAreBothCalled) {
+  thread_master* master = new_loop();
+  Pipe pipe;
+  Seen first;
+  Seen second;
+  second_reader = &second;
+  first.leave_after = 9;
+  funcname_thread_add_read(master, invite, &first, pipe.reader(), "invite", "loop_test", 1);
+  ASSERT_EQ(9, write(pipe.writer(), "abcdefghi", 9));
+  thread_main(master);
+  EXPECT_EQ(1U, second.calls.size());
+  EXPECT_EQ(1U, second.text.size());
+}
+
 TEST(LoopTest, WhatCannotBeRegistered) {
   thread_master* master = new_loop();
   Seen seen;
