@@ -18,7 +18,7 @@ packages_run=(python3 iproute2 util-linux procps wget)
 packages_test=(
   clang clang-format clang-tidy libclang-rt-14-dev
   python3-pytest python3-jsonschema shellcheck telnet lldpd nftables iputils-ping
-  g++-mips-linux-gnu qemu-user dpkg-dev
+  g++-mips-linux-gnu qemu-user dpkg-dev tshark
   mandoc aspell aspell-en codespell zsh tcpdump
 )
 
