@@ -60,11 +60,12 @@ class KernelLab(Lab):
         state = json.loads(self.morvactl("show", "--json").stdout)
         return {row["name"]: row for row in state["ports"]}[name]
 
-    def report(self, subcmd, name):
-        """The row of port `name` in the gateway's report `subcmd`."""
+    def report(self, subcmd, name, seconds=5.0):
+        """The row of port `name` in the gateway's report `subcmd`, which begins to come within
+        `seconds`: after a storm of changes the switch has those to work through first."""
         self.gateway.command("get", subcmd, destination=SWITCH)
         while True:
-            text = self.gateway.receive().json
+            text = self.gateway.receive(seconds).json
             row = text.get("data", {}).get(name) if text.get("subcmd") == subcmd else None
             if row is not None:
                 self.gateway.probe(destination=SWITCH)  # what else was under way is of no interest
@@ -76,7 +77,8 @@ class KernelLab(Lab):
         self.gateway.probe(destination=SWITCH)
 
 
-def resident(lab, name):
-    """Proportional memory of the daemon `name` in kB."""
-    text = lab.run("cat", f"/proc/{lab.pid(name)}/smaps_rollup").stdout
-    return next(int(line.split()[1]) for line in text.splitlines() if line.startswith("Pss:"))
+def own_memory(lab, name):
+    """Memory in kB that the daemon `name` has for itself: what it maps from files comes and goes
+    with the other programs that map them."""
+    text = lab.run("cat", f"/proc/{lab.pid(name)}/status").stdout
+    return next(int(line.split()[1]) for line in text.splitlines() if line.startswith("RssAnon:"))

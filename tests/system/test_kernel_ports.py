@@ -11,7 +11,7 @@ import time
 import pytest
 
 from gateway import frame, message
-from kernelkit import KernelLab, resident
+from kernelkit import KernelLab, own_memory
 from labkit import wait_until
 
 CAPABLE = os.geteuid() == 0
@@ -36,13 +36,13 @@ def row_until(lab, subcmd, name, condition, seconds=10.0):
     rows = []
 
     def good():
-        rows.append(lab.report(subcmd, name))
+        rows.append(lab.report(subcmd, name, seconds))
         return condition(rows[-1])
 
     try:
         wait_until(good, f"{subcmd} of {name}", seconds)
     except AssertionError as error:
-        raise AssertionError(f"{error}, it was {rows[-1]}") from error
+        raise AssertionError(f"{error}, it was {rows[-1:]}") from error
     return rows[-1]
 
 
@@ -376,12 +376,12 @@ def test_a_thousand_flaps_and_five_hundred_removals():
             lab.switch("ip", "-batch", "-", text=text, timeout=120)
             for name in ("ge1", "ge2"):
                 row_until(lab, "ports_link", name, lambda row: row == [1, 10000, 1, 0], 30.0)
-            return {name: resident(lab, name) for name in ("qel", "morvad")}
+            return {name: own_memory(lab, name) for name in ("qel", "morvad")}
 
         before = disturb(100, 50)
         after = disturb(1000, 500)
         assert after["qel"] - before["qel"] < 1024, (before, after)
-        assert after["morvad"] - before["morvad"] < 4096, (before, after)
+        assert after["morvad"] - before["morvad"] < 1024, (before, after)
         assert lab.report("ports_link", "ge3") == [1, 10000, 1, 0]
         shown = {name: lab.port(name)["link"] for name in ("ge1", "ge2", "ge3")}
         assert shown == {"ge1": 1, "ge2": 1, "ge3": 1}
