@@ -1,14 +1,21 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Writes the hand-made seeds of every corpus. Run it after adding one; the files are committed.
+"""Writes the seeds of every corpus: those made by hand and, as "captured", the frames of the sample
+captures. Run it after adding one; the files are committed.
 
     python3 tests/fuzz/seeds.py
 """
 
+import json
 import pathlib
 import shutil
+import sys
 
 HERE = pathlib.Path(__file__).resolve().parent
 TOP = HERE.parents[1]
+CAPTURES = TOP / "tests/captures"
+sys.path.insert(0, str(TOP / "tests/dissector"))
+
+import pcap  # noqa: E402
 
 MESSAGES = [
     '{"mac":"gw","cmd":"probe","subcmd":"probe","data":{"ntick":12}}',
@@ -127,11 +134,51 @@ def raw_frame(text):
     return head + (len(raw) + 16).to_bytes(2, "big") + bytes(12) + raw
 
 
-def write(target, seeds):
+def write(target, seeds, name="seed"):
     folder = HERE / "corpus" / target
     folder.mkdir(parents=True, exist_ok=True)
     for number, seed in enumerate(seeds):
-        (folder / f"seed{number:02}").write_bytes(seed)
+        (folder / f"{name}{number:02}").write_bytes(seed)
+
+
+# ---- the sample captures -------------------------------------------------------------------------
+
+
+def captured(ethertype, *names):
+    """What follows the addresses in the frames of that type."""
+    frames = [raw for name in names for raw in pcap.read(CAPTURES / f"{name}.pcap")]
+    return [raw[12:] for raw in frames if raw[12:14] == bytes.fromhex(ethertype)]
+
+
+def of_each_kind(frames):
+    """Of each kind of message the first and the longest: of many probes one says enough."""
+    kinds = {}
+    for one in frames:
+        try:
+            root = json.loads(one[20:].split(b"\0", 1)[0])
+            kind = (root.get("cmd"), root.get("subcmd"))
+        except ValueError:
+            kind = one[20:]
+        kinds.setdefault(kind, []).append(one)
+    return sorted({one for found in kinds.values() for one in (found[0], max(found, key=len))})
+
+
+def captured_datagrams():
+    """The messages to the switch over UDP, as the agent's socket gives them."""
+    frames = pcap.read(CAPTURES / "udp.pcap")
+    return [raw[42:] for raw in frames if raw[36:38] == (20682).to_bytes(2, "big")]
+
+
+def write_captured():
+    to_switch = bytes.fromhex("0a1b2c3d4e5f 02005e102030")
+    to_gateway = bytes.fromhex("02005e102030 0a1b2c3d4e5f")
+    good = of_each_kind(captured("9301", "session", "transfers"))
+    frames = [b"M" + one[6:8] + one[20:] for one in good]
+    frames += [b"R" + to_switch + one for one in captured("9301", "malformed")]
+    write("frame", frames, "captured")
+    replies = of_each_kind(captured("9303", "session", "transfers")) + captured("9303", "malformed")
+    write("gateway", [b"F" + to_gateway + one for one in replies], "captured")
+    write("udp", captured_datagrams(), "captured")
 
 
 def main():
@@ -146,6 +193,7 @@ def main():
     write("nvram", NVRAM)
     gateway = [b"J" + text.encode() for text in GATEWAY]
     write("gateway", gateway + [b"F" + raw_frame(text) for text in GATEWAY[:3]])
+    write_captured()
     board = HERE / "corpus/board"
     board.mkdir(parents=True, exist_ok=True)
     for file in ("ge10", "ge28"):
