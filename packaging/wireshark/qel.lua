@@ -12,6 +12,10 @@
 -- Everything in a frame is hostile: each number is checked before it becomes an offset or a field's
 -- value, nesting and the number of shown members are bounded, and no input may raise an error.
 
+-- Loaded once, also when it is both installed and named on the command line.
+if _G.qel_dissector_is_loaded then return end
+_G.qel_dissector_is_loaded = true
+
 local ETHERTYPE_TO_SWITCH, ETHERTYPE_TO_GATEWAY = 0x9301, 0x9303
 local UDP_PORT_SWITCH = 20682
 local MAGIC = 0xBABE

@@ -13,7 +13,7 @@ import zlib
 import pytest
 
 import pcap
-from tshark import CAPTURES, DISSECTOR, TOP, fields, frames, sample, tshark
+from tshark import CAPTURES, DISSECTOR, TOP, fields, frames, run, sample, tshark
 
 GATEWAY_TO_SWITCH = bytes.fromhex("0a1b2c3d4e5f 020000000001 9301 0000 babe")
 
@@ -313,6 +313,11 @@ def test_json_tree_of_the_program_itself_on_demand():
     assert found.split()[:2] == ["1", "2"]
     listed = tshark("session", "-o", "qel.json:TRUE", "-c", "1")
     assert "QEL 104 probe ntick 1" in listed
+
+
+def test_loaded_twice_it_is_there_once():
+    command = ["tshark", "-r", str(CAPTURES / "udp.pcap"), "-X", f"lua_script:{DISSECTOR}"]
+    assert run([*command, "-X", f"lua_script:{DISSECTOR}"]) == run(command)
 
 
 # ---- broken frames -------------------------------------------------------------------------------

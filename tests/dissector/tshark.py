@@ -2,9 +2,11 @@
 """tshark with the dissector, as the tests use it."""
 
 import functools
+import os
 import pathlib
 import re
 import subprocess
+import tempfile
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 CAPTURES = TOP / "tests/captures"
@@ -13,11 +15,27 @@ BETWEEN = "\x1f"  # between two values of a field; no text holds it, control byt
 SUPERUSER = re.compile(r'^Running as user ".*" and group ".*"\. This could be dangerous\.\n')
 
 
+EMPTY = tempfile.TemporaryDirectory(prefix="qel-tshark.")
+
+
+def environment():
+    """One in which no plugins or settings of this machine are found."""
+    folder = EMPTY.name
+    return {**os.environ, "HOME": folder, "WIRESHARK_PLUGIN_DIR": folder, "XDG_CONFIG_HOME": folder}
+
+
 def tshark(capture, *arguments, script=DISSECTOR):
     """What tshark prints about `capture`, a path or the name of a sample; it must not complain."""
     path = capture if isinstance(capture, pathlib.Path) else CAPTURES / f"{capture}.pcap"
     command = ["tshark", "-n", "-r", str(path), "-X", f"lua_script:{script}", *arguments]
-    result = subprocess.run(command, capture_output=True, check=False, timeout=60)
+    return run(command)
+
+
+def run(command):
+    """What the command prints; it must not complain."""
+    result = subprocess.run(
+        command, capture_output=True, check=False, timeout=60, env=environment()
+    )
     complaint = SUPERUSER.sub("", result.stderr.decode("utf-8", "replace"))
     assert (result.returncode, complaint) == (0, ""), complaint
     return result.stdout.decode("utf-8", "strict")
