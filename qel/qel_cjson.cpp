@@ -30,7 +30,7 @@ int32_t cJSON_GetObjectItemIntDef(const cJSON* object, const char* name, int32_t
   if (item == nullptr) {
     return fallback;
   }
-  return cJSON_IsNumber(item) != 0 ? item->valueint : 0;
+  return item->valueint;  // cJSON keeps 1 for true, 0 for whatever else is no number
 }
 
 int64_t cJSON_GetObjectItemLongIntDef(const cJSON* object, const char* name, int64_t fallback) {

@@ -26,10 +26,11 @@ using qel_cjson_text = std::unique_ptr<char, qel_cjson_free>;
 // The member's text, owned by the tree; null when missing or not a string. `object` may be null.
 const char* cJSON_GetObjectItemString(const cJSON* object, const char* name);
 
-// The member's integer, clamped to 32 bits; 0 when missing or not a number. `object` may be null.
+// The member's integer, clamped to 32 bits; 1 for true, 0 when missing or anything else that is no
+// number. `object` may be null.
 int32_t cJSON_GetObjectItemInt(const cJSON* object, const char* name);
 
-// The same with a default for a missing member (a member of another type gives 0).
+// The same with a default for a missing member (a member of another type as above).
 int32_t cJSON_GetObjectItemIntDef(const cJSON* object, const char* name, int32_t fallback);
 
 // 64-bit form; exact up to 2^53, beyond that as near as a double is, clamped to the type.

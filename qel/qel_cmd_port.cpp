@@ -32,11 +32,6 @@ const cJSON* first_member(const cJSON* root) {
   return data != nullptr ? data->child : nullptr;
 }
 
-// The number a member holds; 0 when it is something else.
-int32_t number_of(const cJSON* member) {
-  return cJSON_IsNumber(member) != 0 ? member->valueint : 0;
-}
-
 const char* text_or_null(const char* text) {
   return text != nullptr ? text : "(null)";
 }
@@ -93,7 +88,7 @@ int qel_cmd_handle_port_enable(qel_link* /*link*/, const cJSON* root, const char
   const cJSON* member = first_member(root);
   if (member != nullptr) {
     // Whatever number it is: the module decides what it means.
-    qel_cmd_port_enable_update(member->string, number_of(member));
+    qel_cmd_port_enable_update(member->string, member->valueint);
   }
   return 0;
 }
@@ -112,7 +107,7 @@ int qel_cmd_handle_port_restart(qel_link* /*link*/, const cJSON* root, const cha
     return 0;
   }
   const char* name = member->string;
-  const int32_t delay = number_of(member);
+  const int32_t delay = member->valueint;
   const struct uif* uif = name != nullptr ? uif_get_by_name(name) : nullptr;
   if (uif != nullptr) {
     qel_cmd_port_enable_update(name, 0);

@@ -31,6 +31,15 @@ int send_sys_info(const qel_link* link, int result) {
   return qel_cmd_send_text(link, text);
 }
 
+// Whether a query's payload is whole; one that its buffer cannot hold is told, and not sent.
+bool is_whole(const qel_text& payload, const char* function, int line) {
+  if (payload.overflowed()) {
+    qel_console("[%s,%d] len[%d] argc error \n", function, line,
+                static_cast<int>(payload.length()));
+  }
+  return !payload.overflowed();
+}
+
 // Asks "zebra" to give the management interface another address. The module refuses what is no
 // address; the report shows what holds.
 void set_address(const char* current, const char* wanted, int32_t mask) {
@@ -48,7 +57,7 @@ void set_address(const char* current, const char* wanted, int32_t mask) {
   payload.put_int(mask);
   // Always method 0, a fixed address, whatever "dhcp" asked for.
   payload.put("\", \"method\":0, \"gateway\":\"\"}]");
-  if (!payload.overflowed()) {
+  if (is_whole(payload, "qel_cmd_handle_sys_ip", __LINE__)) {
     qel_mono_l3if_set(payload.c_str(), qel_mono_reply_area());
   }
 }
@@ -147,7 +156,7 @@ int qel_cmd_handle_name(qel_link* /*link*/, const cJSON* root, const char* /*tex
   // Escaped, so that no name can change what the query asks for.
   put_escaped(payload, name);
   payload.put("\"}");
-  if (!payload.overflowed()) {
+  if (is_whole(payload, __func__, __LINE__)) {
     qel_mono_product_description_set(payload.c_str(), qel_mono_reply_area());
   }
   return 0;

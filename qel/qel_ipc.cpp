@@ -56,14 +56,15 @@ struct uif* named_uif(const cJSON* msg, const char* member) {
 
 // A neighbour that moves to another port vanishes from its old one at once.
 void forget_elsewhere(const uint8_t mac[6], const char* interface) {
-  qel_table_walk(kSource, __LINE__, __func__, [&](struct uif* uif, qel_port* port) {
-    if (std::strcmp(uif->name, interface) != 0 && port->client_time != 0 &&
-        std::memcmp(port->client_mac, mac, sizeof port->client_mac) == 0) {
-      port->client_time = 0;
-      std::memset(port->client_mac, 0, sizeof port->client_mac);
-    }
-    return true;
-  });
+  qel_table_walk(kSource, __LINE__, "qel_ipc_handle_lldp_add",
+                 [&](struct uif* uif, qel_port* port) {
+                   if (std::strcmp(uif->name, interface) != 0 && port->client_time != 0 &&
+                       std::memcmp(port->client_mac, mac, sizeof port->client_mac) == 0) {
+                     port->client_time = 0;
+                     std::memset(port->client_mac, 0, sizeof port->client_mac);
+                   }
+                   return true;
+                 });
 }
 
 void store_neighbour(qel_port* port, const uint8_t mac[6], const cJSON* msg) {

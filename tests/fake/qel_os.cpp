@@ -109,7 +109,8 @@ std::string address_text(const struct sockaddr* address, socklen_t length) {
     return std::string(text) + ":" + std::to_string(ntohs(in.sin_port));
   }
   if (address->sa_family == AF_UNIX) {
-    return reinterpret_cast<const sockaddr_un*>(address)->sun_path;
+    const std::string path = reinterpret_cast<const sockaddr_un*>(address)->sun_path;
+    return length == sizeof(sockaddr_un) ? path : path + " of " + std::to_string(length) + " bytes";
   }
   return "another address";
 }

@@ -58,8 +58,9 @@ TEST_F(IpcSocketTest, PathThatIsNotThereIsNoFailure) {
 
 TEST_F(IpcSocketTest, SocketThatCannotBeMadeIsToldAndStartGoesOn) {
   fake::fail_os("socket", EMFILE);
-  EXPECT_THAT(stderr_of([] { EXPECT_LT(qel_ipc_sock_init(), 0); }),
-              StartsWith("cannot create pmmanager fd.: Too many open files\n"));
+  EXPECT_EQ(stderr_of([] { EXPECT_LT(qel_ipc_sock_init(), 0); }),
+            "cannot create pmmanager fd.: Too many open files\n"
+            "can not bind saddr: Bad file descriptor\n");
 }
 
 TEST_F(IpcSocketTest, PathThatCannotBeBoundIsToldAndTheSocketIsReadAnyway) {
@@ -469,6 +470,15 @@ TEST_F(IpcTest, NeighbourOnAPortThatIsNotKnownIsSkipped) {
   }
 }
 
+using IpcDeathTest = IpcTest;
+
+TEST_F(IpcDeathTest, NullNodeIsABrokenInvariant) {
+  fake::add_null_interface();
+  EXPECT_DEATH(qel_ipc_cmd_handle(kNeighbour),
+               "\\(node\\)->data != \\(\\(void \\*\\)0\\), file qel/qel_ipc, line [0-9]+, "
+               "function qel_ipc_handle_lldp_add");
+}
+
 TEST_F(IpcTest, NeighbourOnAPortThatCameLaterIsSkipped) {
   fake::add_port("ge5");
   expect_no_effect(R"({"type":"lldp_add","mac":"00:11:22:33:44:55","local_interface":"ge5"})");
@@ -500,6 +510,16 @@ TEST_F(IpcTest, WhatArpStoredStandsInThePortsNextReport) {
   EXPECT_EQ(
       sent_messages()[0],
       R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_client","data":{"ge1":{"client_state":"ON","client_mac":"0c0c0c0c0c0c","client_ip":"192.168.1.77","client_type":"UN"}}})");
+}
+
+TEST_F(IpcTest, ArpWithoutMacOrAddressLeavesWhatThatWouldHaveSet) {
+  event(kArp);
+  event(R"({"type":"arpsnoop_add","ip":"10.1.2.3","port":"ge3"})");
+  EXPECT_EQ(mac_of("ge3"), "0c0c0c0c0c0c");
+  EXPECT_EQ(ip_of("ge3"), "10.1.2.3");
+  event(R"({"type":"arpsnoop_add","mac":"0d:0d:0d:0d:0d:0d","port":"ge3"})");
+  EXPECT_EQ(mac_of("ge3"), "0d0d0d0d0d0d");
+  EXPECT_EQ(ip_of("ge3"), "10.1.2.3");
 }
 
 TEST_F(IpcTest, ArpBehindASwitchIsIgnored) {
@@ -664,11 +684,17 @@ TEST_F(IpcTest, AgentIsSwitchedAndTheConfigurationSaved) {
 
 TEST_F(IpcTest, SwitchThatIsNoNumberIsOff) {
   for (const char* member : {"", R"(,"qel_enable":"1")", R"(,"qel_enable":null)",
-                             R"(,"qel_enable":true)", R"(,"qel_enable":[1])"}) {
+                             R"(,"qel_enable":false)", R"(,"qel_enable":[1])"}) {
     g_qel_dev.enable = 1;
     event(R"({"type":"cldm_conf")" + std::string(member) + "}");
     EXPECT_EQ(g_qel_dev.enable, 0U) << member;
   }
+}
+
+TEST_F(IpcTest, SwitchThatIsTrueIsOn) {
+  g_qel_dev.enable = 0;
+  event(R"({"type":"cldm_conf","qel_enable":true})");
+  EXPECT_EQ(g_qel_dev.enable, 1U);
 }
 
 TEST_F(IpcTest, ConfigurationThatCannotBeSavedIsNoHindrance) {

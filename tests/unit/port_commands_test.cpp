@@ -174,6 +174,13 @@ TEST_F(PortCommandTest, RestartTakesThePortDownAtOnceAndCountsItsDelay) {
   EXPECT_THAT(fake::sent(), IsEmpty());
 }
 
+TEST_F(PortCommandTest, RestartTakesThePortDownBeforeItsDelayCounts) {
+  int left = -1;
+  fake::on_query([&](const fake::Query&) { left = restart_left("ge2"); });
+  set("port_restart", R"({"ge2":5})");
+  EXPECT_EQ(left, 0);
+}
+
 TEST_F(PortCommandTest, RestartBringsThePortBackWithTheTickOfItsDelay) {
   set("port_restart", R"({"ge2":5})");
   fake::clear_records();
@@ -382,6 +389,31 @@ TEST_F(PortCommandTest, SpeedUpdateWithoutANameIsToldAndSendsNothing) {
   EXPECT_EQ(qel_cmd_port_speed_update(nullptr, "1G"), 0);
   EXPECT_THAT(fake::console(), ElementsAre("qel_cmd_port_speed_update,558 null \r\n"));
   EXPECT_THAT(fake::queries(), IsEmpty());
+}
+
+TEST_F(PortCommandTest, MemberWithoutANameIsTold) {
+  set("port_enable", "[1]");
+  set("port_speed", R"(["1G"])");
+  set("port_restart", "[5]");
+  EXPECT_THAT(fake::console(),
+              ElementsAre("qel_cmd_port_enable_update,534 null \r\n",
+                          "qel_cmd_port_speed_update,558 null \r\n",
+                          "qel_cmd_handle_port_restart,629 string[(null)] valueint[5] \r\n"));
+}
+
+TEST_F(PortCommandTest, ValueThatIsTrueCountsAsOne) {
+  set("port_enable", R"({"ge1":true})");
+  set("port_enable", R"({"ge1":false})");
+  set("port_restart", R"({"ge2":true})");
+  EXPECT_THAT(
+      fake::query_texts(),
+      ElementsAre(
+          R"({"mdl":"mono","cmd":"qel_port_enable_set","data":{"port":"ge1","enable":1}})",
+          R"({"mdl":"mono","cmd":"qel_port_enable_set","data":{"port":"ge1","enable":0}})",
+          R"({"mdl":"mono","cmd":"qel_port_enable_set","data":{"port":"ge2","enable":0}})"));
+  EXPECT_EQ(restart_left("ge2"), 1);
+  EXPECT_THAT(fake::console(),
+              ElementsAre("qel_cmd_handle_port_restart,629 string[ge2] valueint[1] \r\n"));
 }
 
 TEST_F(PortCommandTest, UpdatesWithANameReturnZero) {

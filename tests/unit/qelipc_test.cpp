@@ -51,7 +51,7 @@ TEST_F(PassThroughTest, DataFormIsUsedWithoutTheFlag) {
 }
 
 TEST_F(PassThroughTest, ConfigFormIsUsedWithTheFlag) {
-  for (const char* flag : {"1", "2", "-1"}) {
+  for (const char* flag : {"1", "2", "-1", "true"}) {
     fake::clear_records();
     pass(R"({"mdl":"zebra","cmd":"c","cfg_flag":)" + std::string(flag) + R"(,"data":{"k":1}})");
     EXPECT_THAT(fake::query_texts(),

@@ -17,6 +17,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 using testing::SizeIs;
 
 constexpr char kReport[] =
@@ -124,6 +125,12 @@ TEST_F(PingTest, PongLongerThan1600BytesIsNotSent) {
     EXPECT_EQ(call(qel_cmd_handle_pingnew, R"({"data":")" + std::string(size, 'x') + R"("})"), 0);
     EXPECT_THAT(fake::sent(), IsEmpty()) << size;
   }
+}
+
+TEST_F(PingTest, PongThatIsTooLongIsToldWithItsLength) {
+  call(qel_cmd_handle_pingnew, R"({"data":")" + std::string(1540, 'x') + R"("})");
+  EXPECT_THAT(fake::console(),
+              ElementsAre(MatchesRegex("\\[qel_cmd_send,[0-9]+\\] len\\[1601\\] argc error \n")));
 }
 
 TEST_F(PingTest, DataThatOnlyThePrinterMakesTooLongIsNotSent) {
@@ -262,6 +269,13 @@ TEST_F(SysIpTest, AddressBeyondTheQuerysBufferIsNotSentOn) {
   EXPECT_THAT(sent_messages(), ElementsAre(kReport));
 }
 
+// 108 bytes of the query stand around the address.
+TEST_F(SysIpTest, AddressBeyondTheQuerysBufferIsTold) {
+  call(qel_cmd_handle_sys_ip, R"({"data":{"sys_ip":")" + std::string(8100, '1') + R"("}})");
+  EXPECT_THAT(fake::console(), ElementsAre(MatchesRegex("\\[qel_cmd_handle_sys_ip,[0-9]+\\] "
+                                                        "len\\[8208\\] argc error \n")));
+}
+
 TEST_F(SysIpTest, LongAddressWithinTheBufferIsSentOn) {
   call(qel_cmd_handle_sys_ip, R"({"data":{"sys_ip":")" + std::string(8000, '1') + R"("}})");
   ASSERT_THAT(fake::query_texts(), SizeIs(2));
@@ -345,7 +359,7 @@ TEST_F(SysInfoTest, AnyOtherResultIsSuccess) {
   EXPECT_THAT(fake::query_texts(), ElementsAre(kAddressGet));
 }
 
-TEST_F(SysInfoTest, ResetsNothingButTheCountOfOnlinePorts) {
+TEST_F(SysInfoTest, LeavesTheCountdownAlone) {
   g_qel_dev.sys_active = 5;
   qel_text_area<kQelMessageSize> area;
   qel_json_sys_info(area.begin(), 0);
@@ -718,6 +732,14 @@ TEST_F(NameTest, NameThatFillsTheQuerysBufferGoesThroughAndALongerOneIsDropped) 
               0);
   }
   EXPECT_THAT(fake::queries(), SizeIs(1));
+}
+
+TEST_F(NameTest, NameBeyondTheQuerysBufferIsTold) {
+  call(qel_cmd_handle_name, R"({"data":{"name":")" + std::string(8179, 'n') + R"("}})");
+  EXPECT_THAT(fake::console(), IsEmpty());
+  call(qel_cmd_handle_name, R"({"data":{"name":")" + std::string(8180, 'n') + R"("}})");
+  EXPECT_THAT(fake::console(), ElementsAre(MatchesRegex("\\[qel_cmd_handle_name,[0-9]+\\] "
+                                                        "len\\[8192\\] argc error \n")));
 }
 
 TEST_F(NameTest, NameThatOnlyItsEscapesMakeTooLongIsDropped) {
