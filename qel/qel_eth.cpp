@@ -24,6 +24,7 @@ namespace {
 constexpr char kSource[] = "qel/qel_eth";
 constexpr size_t kReceiveSize = 65535;
 constexpr size_t kHexdumpRow = 30;
+constexpr int kNoInterface = -1;
 
 uint16_t read_be16(const uint8_t* at) {
   return static_cast<uint16_t>(static_cast<unsigned>(at[0]) << 8 | at[1]);
@@ -35,11 +36,11 @@ void register_read(int fd) {
 }
 
 // The management network is the only trust boundary that this protocol has, so a frame counts only
-// when it came in through it. The index is looked up for each frame: the interface may have been
-// made again. Where the look-up itself fails the frame goes on, and the reply fails in sendto.
-bool arrived_on_management(int fd, const struct sockaddr_ll& from) {
-  const int management = qel_netif_index_get(fd, kQelManagementInterface);
-  return management < 0 || management == from.sll_ifindex;
+// when it came in through it. Where the look-up of the interface fails the frame goes on, and the
+// reply fails in sendto. 0 is a frame that did not come from a socket.
+bool arrived_elsewhere(int arrival, const qel_link& link) {
+  const int management = link.addr.eth.sll_ifindex;
+  return arrival != 0 && management >= 0 && management != arrival;
 }
 
 }  // namespace
@@ -69,8 +70,9 @@ int qel_eth_read(struct thread* thread) {
   socklen_t from_length = sizeof from;
   const ssize_t received = qel_os_recvfrom(fd, buffer, sizeof buffer,
                                            reinterpret_cast<struct sockaddr*>(&from), &from_length);
-  if (received > 0 && arrived_on_management(fd, from)) {
+  if (received > 0) {
     link.fd = fd;
+    link.addr.eth.sll_ifindex = from.sll_ifindex != 0 ? from.sll_ifindex : kNoInterface;
     qel_eth_parse(&link, {buffer, static_cast<size_t>(received)});
   }
   register_read(fd);
@@ -92,7 +94,12 @@ int qel_eth_parse(qel_link* link, std::span<const uint8_t> frame) {
     return -1;
   }
   std::memcpy(link->gw_mac, local + proto::kOffsetSource, proto::kMacSize);
+  // Looked up for each frame: the interface may have been made again.
+  const int arrival = link->addr.eth.sll_ifindex;
   qel_eth_link_init(link, link->fd);
+  if (arrived_elsewhere(arrival, *link)) {
+    return -1;
+  }
   const char* text = reinterpret_cast<const char*>(local + proto::kOffsetMessage);
   if (qel_debug(kDebugFrame)) {
     qel_console("gwmac[%s] data=%s  \r\n", mac2str(link->gw_mac), text);

@@ -19,7 +19,8 @@ int qel_eth_open();
 // Read callback ("qel_eth_read"): receives one frame, registers itself again whatever happened.
 int qel_eth_read(struct thread* thread);
 
-// Checks one frame and dispatches its text. `link` has `fd` set and receives the reply address;
+// Checks one frame and dispatches its text. `link` has `fd` set, holds the index of the interface
+// that the frame came in through in the address (0: not known), and receives the reply address.
 // `frame` holds the bytes from the destination address on. Returns 0 when dispatched, -1 when
 // dropped.
 int qel_eth_parse(qel_link* link, std::span<const uint8_t> frame);
