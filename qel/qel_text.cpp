@@ -21,6 +21,19 @@ void qel_text::printf(const char* format, ...) {
 }
 
 void qel_text::put(std::string_view text) {
+  const size_t size = text.size();
+  if (length_ >= size_ || size >= size_ - length_) {
+    put_cut(text);
+    return;
+  }
+  char* at = area_ + length_;
+  std::memcpy(at, text.data(), size);
+  at[size] = '\0';
+  length_ += size;
+}
+
+// For a text that does not fit, or only without its NUL.
+void qel_text::put_cut(std::string_view text) {
   const size_t at = stored();
   const size_t room = overflowed() ? 0 : size_ - 1 - at;
   const size_t taken = text.size() < room ? text.size() : room;
@@ -31,11 +44,11 @@ void qel_text::put(std::string_view text) {
   length_ += text.size();
 }
 
-void qel_text::put(char character) {
-  put(std::string_view(&character, 1));
-}
-
 void qel_text::put_uint(uint64_t number) {
+  if (number < 10) {
+    put(static_cast<char>('0' + number));
+    return;
+  }
   char digits[20];
   size_t first = sizeof digits;
   do {
@@ -62,4 +75,8 @@ void qel_text::put_mac(const uint8_t mac[6]) {
     text[2 * i + 1] = kDigits[mac[i] & 0x0F];
   }
   put(std::string_view(text, sizeof text));
+}
+
+void qel_text_clear(char* bytes, size_t size) {
+  std::memset(bytes, 0, size);
 }

@@ -22,7 +22,13 @@ class qel_text {
   // 12 lower-case hexadecimal digits.
   void printf(const char* format, ...) __attribute__((format(printf, 2, 3)));
   void put(std::string_view text);
-  void put(char character);
+  void put(char character) {
+    if (length_ + 1 < size_) {
+      area_[length_] = character;
+      area_[length_ + 1] = '\0';
+    }
+    ++length_;
+  }
   void put_int(int64_t number);
   void put_uint(uint64_t number);
   void put_mac(const uint8_t mac[6]);
@@ -39,11 +45,15 @@ class qel_text {
 
  private:
   [[nodiscard]] size_t stored() const { return overflowed() ? size_ - 1 : length_; }
+  void put_cut(std::string_view text);
 
   char* area_;
   size_t size_;
   size_t length_ = 0;
 };
+
+// Zeroes `size` bytes.
+void qel_text_clear(char* bytes, size_t size);
 
 // A message area that is used again and again. begin() hands out a writer over an area that is all
 // zeros, clearing only what the last text can have touched: clearing all of it for each message
@@ -52,10 +62,7 @@ template <size_t Size>
 class qel_text_area {
  public:
   qel_text& begin() {
-    const size_t used = writer_.length() < Size ? writer_.length() : Size;
-    for (size_t i = 0; i < used; ++i) {
-      bytes_[i] = 0;
-    }
+    qel_text_clear(bytes_, writer_.length() < Size ? writer_.length() : Size);
     writer_ = qel_text(bytes_, Size);
     return writer_;
   }
