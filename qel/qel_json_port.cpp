@@ -2,7 +2,6 @@
 //
 // The compact per-port reports: one row of numbers and names for each physical port.
 #include <array>
-#include <cstdio>
 
 #include "platform/sys.h"
 #include "qel/qel_json.h"
@@ -90,7 +89,11 @@ void write_page(qel_text& out, int32_t page, unsigned line, const char* function
 
 int port_switch(const char* pattern, const char* name) {
   char key[64];
-  std::snprintf(key, sizeof key, "%s.%s.enable", pattern, name);
+  qel_text text(key, sizeof key);
+  text.put(pattern);
+  text.put('.');
+  text.put(name);
+  text.put(".enable");
   return nvram_get_int_default(key, 0);
 }
 

@@ -70,11 +70,13 @@ int qel_os_ifreq(int fd, unsigned long request, struct ifreq* interface_request)
 }
 
 std::FILE* qel_os_fopen(const char* path, const char* mode) {
-  char with_cloexec[8];
-  const int wanted = std::snprintf(with_cloexec, sizeof with_cloexec, "%se", mode);
-  if (wanted < 0 || static_cast<size_t>(wanted) >= sizeof with_cloexec) {
+  char with_cloexec[8] = {};
+  const size_t length = std::strlen(mode);
+  if (length + 2 > sizeof with_cloexec) {
     return nullptr;
   }
+  std::memcpy(with_cloexec, mode, length);
+  with_cloexec[length] = 'e';
   return std::fopen(path, with_cloexec);
 }
 

@@ -137,27 +137,31 @@ long receive_all(int fd, char* data, size_t size, const Deadline& deadline) {
   return -1;
 }
 
+// The end of a string whose inside begins at `at`: its closing quote, or the text's end.
+const char* string_end(const char* at) {
+  while (*at != '\0' && *at != '"') {
+    at += *at == '\\' && at[1] != '\0' ? 2 : 1;
+  }
+  return at;
+}
+
 // True unless brackets or quotes are open at the end: a module that dies in the middle of an answer
 // closes its socket as one does that is done.
 bool text_is_whole(const char* text) {
   long depth = 0;
-  bool quoted = false;
   for (const char* at = text; *at != '\0'; ++at) {
-    if (quoted) {
-      if (*at == '\\' && at[1] != '\0') {
-        ++at;
-      } else if (*at == '"') {
-        quoted = false;
+    const char c = *at;
+    if (c == '"') {
+      at = string_end(at + 1);
+      if (*at == '\0') {
+        return false;
       }
-    } else if (*at == '"') {
-      quoted = true;
-    } else if (*at == '{' || *at == '[') {
-      ++depth;
-    } else if (*at == '}' || *at == ']') {
-      --depth;
+    } else if ((c & 0xd9) == 0x59) {  // one of [ ] { } and a few letters
+      depth += c == '{' || c == '[' ? 1 : 0;
+      depth -= c == '}' || c == ']' ? 1 : 0;
     }
   }
-  return depth <= 0 && !quoted;
+  return depth <= 0;
 }
 
 // Logs the first failure of a row of them, and the first success after it.

@@ -9,6 +9,8 @@
 #include <string.h>
 #include <time.h>
 
+#include <array>
+
 #include "platform/linux/fd.h"
 #include "platform/linux/nvram_file.h"
 #include "platform/sys.h"
@@ -19,9 +21,19 @@ namespace {
 // than this when it is read may change again under the same stamp.
 constexpr long long kRecentNs = 50000000;
 
+constexpr std::array<bool, 256> make_key_bytes() {
+  std::array<bool, 256> table = {};
+  for (const char* at = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-";
+       *at != '\0'; ++at) {
+    table[static_cast<unsigned char>(*at)] = true;
+  }
+  return table;
+}
+
+constexpr std::array<bool, 256> kKeyBytes = make_key_bytes();
+
 bool is_key_byte(unsigned char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
-         c == '_' || c == '-';
+  return kKeyBytes[c];
 }
 
 bool is_value_byte(unsigned char c) {
@@ -53,15 +65,22 @@ bool parse_line(char* line, size_t length, size_t* key_length) {
   return true;
 }
 
-// By key, and by place in the file for equal keys.
-int compare_entries(const void* left, const void* right) {
-  const nvram_pair* a = static_cast<const nvram_pair*>(left);
-  const nvram_pair* b = static_cast<const nvram_pair*>(right);
-  const int order = strcmp(a->key, b->key);
-  if (order != 0) {
-    return order;
+uint32_t hash_of(const char* key) {
+  uint32_t hash = 2166136261U;
+  for (; *key != '\0'; ++key) {
+    hash = (hash ^ static_cast<unsigned char>(*key)) * 16777619U;
   }
-  return a->key < b->key ? -1 : 1;
+  return hash ^ (hash >> 16);
+}
+
+// The place of `key`: its entry, or the empty one where it belongs. At least half of the places are
+// empty, so the search ends.
+nvram_pair* place_of(const nvram_cache* cache, const char* key) {
+  size_t at = hash_of(key) & cache->mask;
+  while (cache->entries[at].key != nullptr && strcmp(cache->entries[at].key, key) != 0) {
+    at = (at + 1) & cache->mask;
+  }
+  return &cache->entries[at];
 }
 
 bool same_file(const struct stat& a, const struct stat& b) {
@@ -87,10 +106,15 @@ bool index_text(nvram_cache* cache, nvram_text* file) {
   for (size_t i = 0; i < file->length; ++i) {
     lines += file->data[i] == '\n' ? 1 : 0;
   }
-  cache->entries = static_cast<nvram_pair*>(calloc(lines + 1, sizeof(nvram_pair)));
+  size_t places = 2;
+  while (places < 2 * (lines + 1)) {
+    places *= 2;
+  }
+  cache->entries = static_cast<nvram_pair*>(calloc(places, sizeof(nvram_pair)));
   if (cache->entries == nullptr) {
     return false;
   }
+  cache->mask = places - 1;
   cache->text = file->data;
   const size_t length = file->length;
   file->data = nullptr;
@@ -104,9 +128,9 @@ bool index_text(nvram_cache* cache, nvram_text* file) {
     }
     line.start[line.key_length] = '\0';
     line.start[line.length] = '\0';
-    cache->entries[cache->count++] = {line.start, line.start + line.key_length + 1};
+    // Of equal keys the last one counts.
+    *place_of(cache, line.start) = {line.start, line.start + line.key_length + 1};
   }
-  qsort(cache->entries, cache->count, sizeof(nvram_pair), compare_entries);
   return true;
 }
 
@@ -128,13 +152,11 @@ bool nvram_key_valid(const char* key) {
   if (key == nullptr) {
     return false;
   }
-  const size_t length = strnlen(key, NVRAM_KEY_SIZE);
-  for (size_t i = 0; i < length; ++i) {
-    if (!is_key_byte(static_cast<unsigned char>(key[i]))) {
-      return false;
-    }
+  size_t length = 0;
+  while (length < NVRAM_KEY_SIZE && is_key_byte(static_cast<unsigned char>(key[length]))) {
+    ++length;
   }
-  return length > 0 && length < NVRAM_KEY_SIZE;
+  return length > 0 && length < NVRAM_KEY_SIZE && key[length] == '\0';
 }
 
 bool nvram_value_valid(const char* value) {
@@ -225,20 +247,7 @@ const char* nvram_cache_get(nvram_cache* cache, const char* path, const char* ke
 }
 
 const char* nvram_cache_find(const nvram_cache* cache, const char* key) {
-  size_t low = 0;
-  size_t high = cache->count;
-  while (low < high) {  // finds the first entry behind the key
-    const size_t middle = low + (high - low) / 2;
-    if (strcmp(cache->entries[middle].key, key) <= 0) {
-      low = middle + 1;
-    } else {
-      high = middle;
-    }
-  }
-  if (low == 0 || strcmp(cache->entries[low - 1].key, key) != 0) {
-    return nullptr;
-  }
-  return cache->entries[low - 1].value;
+  return cache->entries != nullptr ? place_of(cache, key)->value : nullptr;
 }
 
 void nvram_cache_clear(nvram_cache* cache) {

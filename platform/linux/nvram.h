@@ -63,8 +63,8 @@ int nvram_file_replace_all(const char* path, const nvram_pair* pairs, size_t cou
 struct nvram_cache {
   struct stat seen;     // what stat() said when the file was read
   char* text;           // the file; keys and values point into it
-  nvram_pair* entries;  // sorted by key
-  size_t count;
+  nvram_pair* entries;  // by the hash of the key; at least half of them empty
+  size_t mask;          // one less than their number, a power of two
   bool loaded;
   bool recent;  // read so soon after a change that a further one may look the same
 };
