@@ -31,6 +31,7 @@ enum {
 
 struct uif {
   uint32_t index;           /* non-zero top byte: a physical switch port */
+  void* info;               /* the daemon's own data; NULL until the daemon sets it */
   char name[UIF_NAME_SIZE]; /* "ge1", "vlanif1"; NUL-terminated */
   int32_t port_no;          /* the port's number, from 1; 0 for other interfaces */
   int32_t speed_class;      /* UIF_CLASS_... */
@@ -46,7 +47,6 @@ struct uif {
   int32_t limit;     /* the port's limit value */
   int32_t link;      /* non-zero: link up */
   uint64_t flags;    /* UIF_FLAG_... */
-  void* info;        /* the daemon's own data; NULL until the daemon sets it */
 };
 
 /* All interfaces (struct uif), in the platform's order. Never NULL after uif_init. */
