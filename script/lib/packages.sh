@@ -19,8 +19,11 @@ packages_test=(
   clang clang-format clang-tidy libclang-rt-14-dev
   python3-pytest python3-jsonschema shellcheck telnet lldpd nftables iputils-ping
   g++-mips-linux-gnu qemu-user dpkg-dev tshark
-  mandoc aspell aspell-en codespell zsh tcpdump
+  systemd mandoc aspell aspell-en codespell zsh tcpdump
 )
 
 # To make the Debian packages and to try them in a clean root.
 packages_package=(debhelper dpkg-dev fakeroot lintian debootstrap libcap2-bin)
+
+# The peers that script/bench measures the agent against.
+packages_bench=(snmpd lldpd)

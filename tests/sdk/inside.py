@@ -15,8 +15,8 @@ import time
 SWITCH = "0a:1b:2c:3d:4e:77"
 PATIENCE = 20.0  # seconds for the emulator to come up on a busy machine
 
-# Group address, the gateway's own, ethertype 0x9301, the 16-byte header (73 bytes of text and 16), the
-# text.
+# Group address, the gateway's own, ethertype 0x9301, the 16-byte header (73 bytes of text and 16),
+# the text.
 PROBE = (
     bytes.fromhex("0180c200001f 020000000001 9301 0000 babe 0059 000000000000000000000000")
     + b'{"mac":"020000000001","cmd":"probe","subcmd":"probe","data":{"ntick":12}}'

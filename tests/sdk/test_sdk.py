@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The agent on a vendor's libraries: 32-bit big-endian MIPS, linked by the headers of platform/ alone.
+"""The agent on a vendor's libraries, for big-endian MIPS, linked by the headers in platform/ alone.
 
-A stand-in SDK (tests/sdk/*.c) is built as a vendor would deliver it, as shared and as static libraries;
-the agent is linked against each and run under an emulator, on a wire of its own.
+A stand-in SDK (tests/sdk/*.c) is built as a vendor would deliver it, as shared and as static
+libraries; the agent is linked against each and run under an emulator, on a wire of its own.
 """
 
 import json
@@ -49,7 +49,8 @@ def build_agent(name, link, *libraries):
         TOP,
         agent,
         *("-DQEL_PLATFORM=sdk", f"-DQEL_SDK_DIR={BUILD}/sdk"),
-        *("-DQEL_BUILD_TESTS=OFF", "-DQEL_BUILD_GATEWAY=OFF", "-DCMAKE_INTERPROCEDURAL_OPTIMIZATION=ON"),
+        *("-DQEL_BUILD_TESTS=OFF", "-DQEL_BUILD_GATEWAY=OFF"),
+        "-DCMAKE_INTERPROCEDURAL_OPTIMIZATION=ON",
         f"-DQEL_CJSON_SOURCE={TOP}/build/cjson-src",
         f"-DQEL_SDK_LIBRARIES={';'.join(map(str, libraries))}",
         f"-DCMAKE_EXE_LINKER_FLAGS={link} -Wl,--gc-sections",
@@ -86,7 +87,7 @@ def elf_of(program):
     return run("mips-linux-gnu-readelf", "-h", "-d", program)
 
 
-# The answer's text, with what the stand-in tells of itself; what changes with time and machine is not.
+# The answer's text, with what the stand-in tells of itself, whatever the time and the machine.
 ANSWER = re.compile(
     rb'\{"mac":"0a1b2c3d4e77","cmd":"answer","subcmd":"answer","data":\{'
     rb'"mac":"0a1b2c3d4e77","sys_ip":"192\.168\.9\.9","sys_mask":24,"name":"big-endian",'
