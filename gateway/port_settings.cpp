@@ -33,6 +33,12 @@ Task<void> require_port(Session& session, const Switch& one, const std::string& 
   }
 }
 
+// Whether the switch said all of this port that was asked for; a report can leave a port out.
+bool reported(const Port* port, unsigned reports) {
+  return port != nullptr && ((reports & kPortConfig) == 0 || port->config) &&
+         ((reports & kPortLink) == 0 || port->link);
+}
+
 // Looks at one port after a set. `judge` sees it with all wanted reports in place.
 Task<EffectReport> look_at_port(Session& session, const Switch& one, const std::string& name,
                                 unsigned reports, Duration patience,
@@ -40,7 +46,7 @@ Task<EffectReport> look_at_port(Session& session, const Switch& one, const std::
   try {
     const PortTable table = co_await read_ports(session, one, reports, patience);
     const Port* port = table.find(name);
-    if (port == nullptr || !table.missing.empty()) {
+    if (!table.missing.empty() || !reported(port, reports)) {
       co_return EffectReport{Effect::Silent, "the switch does not report the port any more"};
     }
     co_return judge(*port);

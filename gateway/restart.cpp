@@ -97,6 +97,13 @@ Task<EffectReport> await_restart(Session& session, const Switch& one, RestartMar
 Task<EffectReport> restart_switch(Session& session, const Switch& one, bool reset,
                                   Duration patience, Duration come_back) {
   RestartMark mark = co_await mark_restart(session, one, patience);
+  if (mark.counters.empty()) {
+    // Else the silence of a switch that was gone before would pass for its restart.
+    const auto identity = co_await ask_identity(session, one, patience);
+    if (!identity) {
+      co_return EffectReport{Effect::Silent, "no answer; nothing was sent"};
+    }
+  }
   const std::string mac = mac_text(one.mac);
   send_set(session, one, reset ? reset_text(mac) : reboot_text(mac));
   co_return co_await await_restart(session, one, std::move(mark), patience, come_back);

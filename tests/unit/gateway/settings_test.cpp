@@ -92,6 +92,22 @@ TEST_F(SettingsTest, ASwitchThatDiesIsSilent) {
   EXPECT_EQ(report.effect, Effect::Silent);
 }
 
+TEST_F(SettingsTest, AReportThatLeavesThePortOutIsNoAnswer) {
+  wire.on_send = [this](const Sent& sent) {
+    if (sent.text.find("ports_link") != std::string::npos) {
+      wire.arrives(update("ports_link", R"({"ge2":[1,1000,1,0]})"));
+    } else {
+      obey(sent.text);
+    }
+  };
+  const EffectReport report =
+      session.run(set_port_speed(session, office, "ge1", "100M", kPatience));
+  EXPECT_EQ(report.effect, Effect::Silent);
+  EXPECT_EQ(report.detail, "the switch does not report the port any more");
+  EXPECT_EQ(session.run(restart_port(session, office, "ge1", 5, true, kPatience)).effect,
+            Effect::Silent);
+}
+
 TEST_F(SettingsTest, SpeedsAreComparedWithTheLink) {
   const auto set = [this](const char* speed) {
     return session.run(set_port_speed(session, office, "ge1", speed, kPatience));
@@ -194,6 +210,15 @@ TEST_F(SettingsTest, ARestartIsSeenInSilence) {
   EXPECT_EQ(report.effect, Effect::Took);
   EXPECT_EQ(report.detail, "the switch restarts");
   EXPECT_EQ(wire.count("sys_reboot"), 1u);
+}
+
+TEST_F(SettingsTest, ASwitchThatWasSilentBeforeIsNotSaidToRestart) {
+  alive = false;
+  const EffectReport report =
+      session.run(restart_switch(session, office, false, kPatience, Duration(0)));
+  EXPECT_EQ(report.effect, Effect::Silent);
+  EXPECT_EQ(report.detail, "no answer; nothing was sent");
+  EXPECT_EQ(wire.count("sys_reboot"), 0u);
 }
 
 TEST_F(SettingsTest, ARestartIsSeenInTheUptime) {
