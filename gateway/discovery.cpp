@@ -13,10 +13,19 @@ namespace {
 
 constexpr const char* kSubject = "answer";
 
+// More than any wire has; whoever invents answers is stopped here.
+constexpr size_t kSwitchesMost = 4096;
+constexpr size_t kFaultsMost = 20;
+
 void note_fault(Discovery& found, std::string fault) {
-  if (std::ranges::find(found.faults, fault) == found.faults.end()) {
-    found.faults.push_back(std::move(fault));
+  if (found.faults.size() > kFaultsMost ||
+      std::ranges::find(found.faults, fault) != found.faults.end()) {
+    return;
   }
+  if (found.faults.size() == kFaultsMost) {
+    fault = "and more answers were dropped";
+  }
+  found.faults.push_back(std::move(fault));
 }
 
 std::string display(const Peer& peer) {
@@ -30,6 +39,10 @@ std::string display(const Peer& peer) {
 // Notes an answer. False for a second one of the same switch, which changes nothing.
 bool note_answer(const Reply& reply, const Identity& identity, Session& session, Discovery& found) {
   const auto same = std::ranges::find(found.switches, reply.mac, &Switch::mac);
+  if (same == found.switches.end() && found.switches.size() == kSwitchesMost) {
+    note_fault(found, fmt::format("more than {} switches: the others are left out", kSwitchesMost));
+    return false;
+  }
   if (same == found.switches.end()) {
     found.switches.push_back(
         Switch{reply.mac, session.transport().address_of(reply.mac), reply.from, identity});

@@ -3,6 +3,8 @@
 // Discovery and the choice of switches, against literal frames.
 #include "gateway/discovery.h"
 
+#include <cstdio>
+
 #include <gtest/gtest.h>
 
 #include "fixture.h"
@@ -104,6 +106,41 @@ TEST_F(DiscoveryTest, AnswersThatCannotBeReadAreToldOf) {
             (std::vector<std::string>{
                 "an answer of 0a:1b:2c:3d:4e:5f cannot be read: \"mac\" is missing",
                 "an answer of 0a:1b:2c:3d:4e:5f cannot be read: no JSON from byte 41 on"}));
+}
+
+TEST_F(DiscoveryTest, AStrangerWhoInventsSwitchesIsStopped) {
+  wire.on_send = [this](const Sent& sent) {
+    if (wire.sent().size() > 1) {
+      return;
+    }
+    for (unsigned i = 0; i < 4200; ++i) {
+      char mac[13];
+      std::snprintf(mac, sizeof mac, "0a1b2c3d%04x", i);
+      wire.arrives(probe_answer(tick_of(sent.text), "x", mac));
+    }
+  };
+  const Discovery found = session.run(discover(session, {}));
+  EXPECT_EQ(found.switches.size(), 4096u);
+  EXPECT_EQ(found.faults,
+            std::vector<std::string>{"more than 4096 switches: the others are left out"});
+}
+
+TEST_F(DiscoveryTest, OfManyFaultsTheFirstAreTold) {
+  wire.on_send = [this](const Sent& sent) {
+    if (wire.sent().size() > 1) {
+      return;
+    }
+    for (unsigned i = 0; i < 100; ++i) {
+      char from[18];
+      std::snprintf(from, sizeof from, "0a 1b 2c 3d 4e %02x", i);
+      wire.arrives(probe_answer(tick_of(sent.text), "x", "zz", from));
+    }
+  };
+  const Discovery found = session.run(discover(session, {}));
+  ASSERT_EQ(found.faults.size(), 21u);
+  EXPECT_EQ(found.faults[19],
+            "an answer of 0a:1b:2c:3d:4e:13 cannot be read: \"mac\" is no MAC address");
+  EXPECT_EQ(found.faults[20], "and more answers were dropped");
 }
 
 TEST_F(DiscoveryTest, SelectsTheOnlySwitch) {
