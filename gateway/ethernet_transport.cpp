@@ -4,6 +4,7 @@
 // replies for this gateway through.
 #include <arpa/inet.h>
 #include <linux/filter.h>
+#include <linux/if_ether.h>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <netpacket/packet.h>
@@ -85,19 +86,32 @@ FileDescriptor open_socket() {
   return fd;
 }
 
-// Passes frames of the reply ethertype that are addressed to `own`, drops the rest.
+// The two halves of a MAC address as the filter loads them.
+uint32_t first_four(const MacAddress& mac) {
+  const auto& b = mac.bytes;
+  return static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
+         static_cast<uint32_t>(b[2]) << 8 | b[3];
+}
+
+uint32_t last_two(const MacAddress& mac) {
+  return static_cast<uint32_t>(mac.bytes[4]) << 8 | mac.bytes[5];
+}
+
+// Passes what comes in with the reply ethertype for `own`, and what goes out with the request
+// ethertype (which only a socket that overhears is shown); drops the rest.
 void attach_filter(int fd, const MacAddress& own) {
-  const auto& b = own.bytes;
-  const uint32_t first = static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
-                         static_cast<uint32_t>(b[2]) << 8 | b[3];
-  const uint32_t last = static_cast<uint32_t>(b[4]) << 8 | b[5];
-  std::array<sock_filter, 8> code = {{
+  constexpr uint32_t kPacketType = static_cast<uint32_t>(SKF_AD_OFF + SKF_AD_PKTTYPE);
+  std::array<sock_filter, 12> code = {{
+      BPF_STMT(BPF_LD | BPF_B | BPF_ABS, kPacketType),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_OUTGOING, 6, 0),
       BPF_STMT(BPF_LD | BPF_H | BPF_ABS, wire::kOffsetEthertype),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, wire::kEthertypeToGateway, 0, 5),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, wire::kEthertypeToGateway, 0, 7),
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 0),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, first, 0, 3),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, first_four(own), 0, 5),
       BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 4),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, last, 0, 1),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, last_two(own), 2, 3),
+      BPF_STMT(BPF_LD | BPF_H | BPF_ABS, wire::kOffsetEthertype),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, wire::kEthertypeToSwitch, 0, 1),
       BPF_STMT(BPF_RET | BPF_K, kReceiveSize),
       BPF_STMT(BPF_RET | BPF_K, 0),
   }};
@@ -115,17 +129,12 @@ class EthernetTransport : public Transport {
     if (::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof(int)) < 0) {
       ::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof(int));
     }
-    sockaddr_ll address = {};
-    address.sll_family = AF_PACKET;
-    address.sll_protocol = htons(wire::kEthertypeToGateway);
-    address.sll_ifindex = interface_.index;
-    if (::bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) < 0) {
-      throw Error(fmt::format("cannot listen on {}: {}", name, os_error()));
-    }
+    listen(wire::kEthertypeToGateway);
   }
 
   void send(const Peer& to, std::string_view text, std::span<const uint8_t> chunk,
             bool with_chunk) override {
+    require_readable(text.size() + (with_chunk ? 1 + chunk.size() : 0));
     const auto frame = build_frame(to.mac, interface_.mac, text, chunk, with_chunk);
     if (::send(fd_.get(), frame.data(), frame.size(), 0) >= 0 || errno == ENOBUFS) {
       return;  // a full queue is a lost frame, and lost frames are what deadlines are for
@@ -150,7 +159,11 @@ class EthernetTransport : public Transport {
     if (size <= 0) {
       return std::nullopt;
     }
-    auto frame = read_frame(std::span(buffer_).first(static_cast<size_t>(size)));
+    const auto bytes = std::span(buffer_).first(static_cast<size_t>(size));
+    if (auto request = read_request(bytes)) {
+      return Incoming{Peer{request->destination, 0, 0}, std::move(request->payload), true};
+    }
+    auto frame = read_frame(bytes);
     if (!frame) {
       return std::nullopt;
     }
@@ -185,9 +198,22 @@ class EthernetTransport : public Transport {
         name_, interface_.mtu, interface_.mtu + kEthernetHeader - wire::kOffsetMessage, kNeededMtu);
   }
 
+  // A socket for all protocols is shown what others send, too. Its own frames it never sees.
+  void overhear() override { listen(ETH_P_ALL); }
+
   void wake_on(int fd) override { wake_fd_ = fd; }
 
  private:
+  void listen(uint16_t protocol) {
+    sockaddr_ll address = {};
+    address.sll_family = AF_PACKET;
+    address.sll_protocol = htons(protocol);
+    address.sll_ifindex = interface_.index;
+    if (::bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) < 0) {
+      throw Error(fmt::format("cannot listen on {}: {}", name_, os_error()));
+    }
+  }
+
   std::string name_;
   FileDescriptor fd_;
   Interface interface_;

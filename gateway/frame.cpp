@@ -5,6 +5,9 @@
 
 #include <algorithm>
 
+#include <fmt/format.h>
+
+#include "gateway/error.h"
 #include "protocol/gateway_protocol.h"
 
 namespace qel_gateway {
@@ -24,6 +27,12 @@ uint16_t get16(std::span<const uint8_t> bytes, size_t at) {
   return static_cast<uint16_t>(bytes[at] << 8 | bytes[at + 1]);
 }
 
+void copy_addresses(std::span<const uint8_t> bytes, Frame& frame) {
+  std::copy_n(bytes.begin() + wire::kOffsetDestination, wire::kMacSize,
+              frame.destination.bytes.begin());
+  std::copy_n(bytes.begin() + wire::kOffsetSource, wire::kMacSize, frame.source.bytes.begin());
+}
+
 FrameFault check_header(std::span<const uint8_t> bytes) {
   if (bytes.size() < wire::kOffsetMessage) {
     return FrameFault::Short;
@@ -39,6 +48,13 @@ FrameFault check_header(std::span<const uint8_t> bytes) {
 
 size_t max_request_bytes() {
   return wire::kTextReadSize;
+}
+
+void require_readable(size_t bytes) {
+  if (bytes > max_request_bytes()) {
+    throw Error(fmt::format("a message of {} bytes: switches read {} at the most", bytes,
+                            max_request_bytes()));
+  }
 }
 
 std::vector<uint8_t> build_frame(const MacAddress& destination, const MacAddress& source,
@@ -57,6 +73,18 @@ std::vector<uint8_t> build_frame(const MacAddress& destination, const MacAddress
     std::ranges::copy(chunk, at + 1);
   }
   return bytes;
+}
+
+std::optional<Frame> read_request(std::span<const uint8_t> bytes) {
+  if (bytes.size() < wire::kOffsetMessage ||
+      get16(bytes, wire::kOffsetEthertype) != wire::kEthertypeToSwitch) {
+    return std::nullopt;
+  }
+  const auto message = bytes.subspan(wire::kOffsetMessage);
+  Frame frame;
+  copy_addresses(bytes, frame);
+  frame.payload.text.assign(message.begin(), std::ranges::find(message, uint8_t{0}));
+  return frame;
 }
 
 std::optional<Frame> read_frame(std::span<const uint8_t> bytes, FrameFault* fault) {
@@ -80,9 +108,7 @@ std::optional<Frame> read_frame(std::span<const uint8_t> bytes, FrameFault* faul
     return std::nullopt;
   }
   Frame frame;
-  std::copy_n(bytes.begin() + wire::kOffsetDestination, wire::kMacSize,
-              frame.destination.bytes.begin());
-  std::copy_n(bytes.begin() + wire::kOffsetSource, wire::kMacSize, frame.source.bytes.begin());
+  copy_addresses(bytes, frame);
   frame.payload.text.assign(message.begin(), message.begin() + static_cast<ptrdiff_t>(text_size));
   const auto rest = message.subspan(announced);
   if (text_size + 1 == announced && bytes.size() > kFrameMin) {

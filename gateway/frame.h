@@ -48,11 +48,17 @@ enum class FrameFault {
 // Longest text plus chunk (with the NUL between them) of which the switch still reads every byte.
 size_t max_request_bytes();
 
+// Throws Error for a message that is longer than that. Called by the transports.
+void require_readable(size_t bytes);
+
 // The frame that carries `text`, and `chunk` behind it when `with_chunk` is true (the chunk may be
 // empty, the length field then still tells its place). Padded with zeros to 60 bytes.
 std::vector<uint8_t> build_frame(const MacAddress& destination, const MacAddress& source,
                                  std::string_view text, std::span<const uint8_t> chunk,
                                  bool with_chunk);
+
+// Reads a request that some gateway sent: the text, without a chunk. Nothing when it is none.
+std::optional<Frame> read_request(std::span<const uint8_t> bytes);
 
 // Reads a frame from a switch. Nothing when it is not one that stands for itself; `fault`, when
 // not null, then says why, and None otherwise.

@@ -291,6 +291,12 @@ void Session::renew(Exchange& exchange) {
 
 void Session::deliver(Incoming incoming) {
   const Peer from = incoming.from;
+  if (incoming.overheard) {
+    if (overheard_) {
+      overheard_(from, incoming.payload.text);
+    }
+    return;
+  }
   try {
     const Reply reply = read_reply(std::move(incoming));
     for (const auto& exchange : exchanges_) {

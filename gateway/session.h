@@ -78,6 +78,11 @@ class Session {
 
   // Called for messages that answer no open question, and for those that cannot be read.
   void on_unasked(std::function<void(const Reply&)> handler) { unasked_ = std::move(handler); }
+  // Called for what other programs of this machine ask switch `to` (or the group), if the transport
+  // overhears that.
+  void on_overheard(std::function<void(const Peer& to, const std::string& text)> handler) {
+    overheard_ = std::move(handler);
+  }
   using BadReplyHandler = std::function<void(const Peer&, const std::string& why)>;
   // Returns the handler that was there before.
   BadReplyHandler on_bad_reply(BadReplyHandler handler) {
@@ -154,6 +159,7 @@ class Session {
   std::vector<std::coroutine_handle<>> ready_;
   std::list<Task<void>> spawned_;
   std::function<void(const Reply&)> unasked_;
+  std::function<void(const Peer&, const std::string&)> overheard_;
   BadReplyHandler bad_reply_;
   std::function<bool()> interrupt_;
   std::function<void()> wake_;

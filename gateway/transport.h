@@ -29,6 +29,8 @@ struct Peer {
 struct Incoming {
   Peer from;
   Payload payload;
+  // Not for us at all: a request that another program of this machine sent to `from`.
+  bool overheard = false;
 };
 
 class Transport {
@@ -61,6 +63,11 @@ class Transport {
 
   // A remark about the wire to be shown when answers stay away, such as a small MTU; may be empty.
   virtual std::string remark() const { return {}; }
+
+  // From now on receive() also gives what other programs of this machine ask the switches. The
+  // answers to that come to this program too, and only so can it tell them from reports that
+  // nobody asked for. Does nothing where other programs' answers are not heard.
+  virtual void overhear() {}
 
   // One more descriptor that ends receive() when it becomes readable; -1 takes it away.
   virtual void wake_on(int fd) = 0;

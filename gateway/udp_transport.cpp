@@ -105,6 +105,7 @@ class UdpTransport : public Transport {
     if (with_chunk || !chunk.empty()) {
       throw Error("a switch takes no files over UDP; use -i and Ethernet");
     }
+    require_readable(text.size());
     const sockaddr_in target = socket_address(to.ip, to.port);
     if (::sendto(fd_.get(), text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&target),
                  sizeof target) < 0 &&

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "gateway/error.h"
 #include "wire_bytes.h"
 
 namespace qel_gateway {
@@ -50,6 +51,26 @@ TEST(Frame, PlacesAChunkBehindTextAndNul) {
   EXPECT_EQ(Bytes(built.begin() + 16, built.begin() + 20), hex("ba be 00 31"));
   EXPECT_EQ(built.size(), 32u + 32u + 1u + 4u);
   EXPECT_EQ(Bytes(built.begin() + 63, built.end()), hex("7d 00 00 ff 1f 8b"));
+}
+
+TEST(Frame, ReadsTheRequestOfAnotherGateway) {
+  const Bytes head =
+      hex("0a 1b 2c 3d 4e 5f 02 00 00 00 00 01 93 01 00 00 ba be 00 12"
+          "00 00 00 00 00 00 00 00 00 00 00 00");
+  const auto request = read_request(head + hex("7b 7d 00 ff") + Bytes(24, 0));
+  ASSERT_TRUE(request);
+  EXPECT_EQ(request->destination, kSwitch);
+  EXPECT_EQ(request->source, kGateway);
+  EXPECT_EQ(request->payload.text, "{}");
+  EXPECT_EQ(read_request(head + hex("7b 7d"))->payload.text, "{}");
+  EXPECT_EQ(read_request(head)->payload.text, "");
+  EXPECT_FALSE(read_request(std::span(head).first(31)));
+  EXPECT_FALSE(read_request(reply_head(20) + hex("5b 31 5d 00")));
+}
+
+TEST(Frame, AMessageThatASwitchWouldNotReadIsRefused) {
+  EXPECT_NO_THROW(require_readable(1568));
+  EXPECT_THROW(require_readable(1569), Error);
 }
 
 TEST(Frame, ReadsAReplyWithItsTrailingNul) {
