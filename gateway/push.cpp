@@ -73,24 +73,12 @@ Task<std::optional<ChunkAnswer>> send_chunk(Session& session, const Switch& one,
   co_return answer;
 }
 
-// A chunk that no switch stores and that makes it drop the download it has open: its bytes would
-// lie outside of the frame. It is no first chunk, so it opens none either.
+// Of the chunk that makes a switch forget.
 constexpr int64_t kForgetIndex = kInt32Max - 1;  // its answer is nobody else's
-
-std::string forget_text(const Switch& one, const Push& push) {
-  ChunkHeader header;
-  header.index = kForgetIndex;
-  header.next = true;
-  header.file = push.file;
-  header.total_length = kInt32Max;
-  header.length = 2000;
-  static_assert(qel_protocol::kTextReadSize < 2000);
-  return chunk_text(mac_text(one.mac), push.subject, header);
-}
 
 // Makes the switch forget a download that somebody left open. Safe to repeat.
 Task<bool> forget(Session& session, const Switch& one, const Push& push, Duration patience) {
-  const std::string text = forget_text(one, push);
+  const std::string text = forget_text(mac_text(one.mac), push);
   const ChunkQuestion chunk{&text, {}, push.subject, kForgetIndex + 1, 2};
   const auto answer = co_await send_chunk(session, one, chunk, patience);
   co_return answer.has_value() && answer->state == kStateAbandoned;
@@ -158,6 +146,17 @@ void check_firmware_answer(const std::optional<ChunkAnswer>& answer, const Plann
 
 }  // namespace
 
+std::string forget_text(std::string_view mac, const Push& push) {
+  ChunkHeader header;
+  header.index = kForgetIndex;
+  header.next = true;
+  header.file = push.file;
+  header.total_length = kInt32Max;
+  header.length = 2000;
+  static_assert(qel_protocol::kTextReadSize < 2000);
+  return chunk_text(mac, push.subject, header);
+}
+
 std::vector<PlannedChunk> plan_chunks(std::string_view mac, const Push& push, size_t max_message) {
   const uint64_t total = push.bytes->size();
   ChunkHeader header;
@@ -207,7 +206,7 @@ Task<void> push_archive(Session& session, const Switch& one, Push push, Duration
       const auto answer = co_await send_chunk(session, one, question, patience);
       check_archive_answer(answer, chunk);
     } catch (const Interrupted&) {
-      const std::string text = forget_text(one, push);
+      const std::string text = forget_text(mac_text(one.mac), push);
       session.transport().send(one.address, text, {}, true);
       throw Interrupted(chunk.last ? "interrupted at the last chunk: whether the archive was "
                                      "applied is not known"

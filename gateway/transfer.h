@@ -47,6 +47,11 @@ Task<void> push_archive(Session& session, const Switch& one, Push push, Duration
 Task<void> push_firmware(Session& session, const Switch& one, Push push, Duration patience,
                          ProgressSink progress);
 
+// The text of a chunk that no switch stores and that makes it drop the download it has open: its
+// bytes would lie outside of the frame. It is no first chunk, so it opens none either. push_archive
+// begins with it; for dry runs as well.
+std::string forget_text(std::string_view mac, const Push& push);
+
 // The text of chunk `index` and how many bytes of the file it takes; for dry runs as well.
 struct PlannedChunk {
   std::string text;

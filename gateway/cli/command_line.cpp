@@ -24,15 +24,14 @@ void add_shared_options(CLI::App& app, Options& options) {
   app.add_option("--udp", options.udp, "Talk UDP to this one host instead of Ethernet")
       ->type_name("HOST");
   app.add_option("-s,--switch", options.selector,
-                 "The switch meant: its MAC, its name, or \"all\"; may be left out when there is "
-                 "one")
+                 "MAC or name of the switch, or \"all\"; may be left out where there is only one")
       ->envname("QELCTL_SWITCH")
       ->type_name("WHICH");
   app.add_option("-t,--timeout", options.timeout, "Seconds to wait for an answer")
-      ->check(CLI::Range(0.05, 3600.0))
+      ->check(CLI::Range(0.05, 3600.0).description(""))
       ->type_name("SECONDS");
   app.add_option("--color", options.colour, "Colours: auto, always, never")
-      ->check(CLI::IsMember({"auto", "always", "never"}))
+      ->check(CLI::IsMember({"auto", "always", "never"}).description(""))
       ->type_name("WHEN");
   app.add_flag("--json", options.json, "One JSON object a line, a line for each switch");
   app.add_flag("-y,--yes", options.yes, "Do not ask before something that interrupts service");
@@ -47,6 +46,35 @@ void add_commands(CLI::App& app, Choice& choice) {
   add_live(app, choice);
   add_system(app, choice);
   add_transfer(app, choice);
+}
+
+// What is wrong with the command line, in one line, and where to read on.
+std::string usage_fault(const CLI::App* app, const CLI::Error& error) {
+  return fmt::format("{}: {}\n\"{} --help\" says more\n", app->get_name(), error.what(),
+                     app->get_name());
+}
+
+// The commands to choose from where `app`, which was parsed, ends without one.
+std::string choice_fault(const CLI::App* app) {
+  std::string name = app->get_name();
+  while (!app->get_subcommands().empty()) {
+    app = app->get_subcommands().front();
+    name += " " + app->get_name();
+  }
+  std::vector<std::string> names;
+  for (const CLI::App* one : app->get_subcommands({})) {
+    names.push_back(one->get_name());
+  }
+  return fmt::format("{} needs a command: {}\n\"{} --help\" says more\n", name,
+                     fmt::join(names, " "), name);
+}
+
+// Says in the help of every command where the shared options are explained.
+void point_to_shared_options(CLI::App& app) {
+  for (CLI::App* one : app.get_subcommands({})) {
+    one->footer(one->get_footer() + "\n\nOptions of all commands: qelctl --help");
+    point_to_shared_options(*one);
+  }
 }
 
 int run_action(const Options& options, const Choice& choice) {
@@ -75,10 +103,12 @@ int run_command_line(int argc, char** argv) {
       "Exit status: 0 done, 1 refused or failed, 2 wrong usage, 3 no answer.\n"
       "Example: qelctl -i eth1 discover");
   app.set_version_flag("--version", "qelctl " QELCTL_VERSION);
-  app.require_subcommand(1);
+  app.require_subcommand(0, 1);
   app.fallthrough();
+  app.failure_message(usage_fault);
   add_shared_options(app, options);
   add_commands(app, choice);
+  point_to_shared_options(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& success) {
@@ -87,12 +117,17 @@ int run_command_line(int argc, char** argv) {
     app.exit(error);
     return static_cast<int>(ExitCode::Usage);
   }
+  if (!choice.action) {
+    fmt::print(stderr, "{}", choice_fault(&app));
+    return static_cast<int>(ExitCode::Usage);
+  }
   if (!options.udp.empty() && !options.interface.empty() && app.count("--interface") > 0) {
     fmt::print(stderr, "qelctl: -i and --udp exclude each other\n");
     return static_cast<int>(ExitCode::Usage);
   }
   const int status = run_action(options, choice);
-  if (std::fflush(stdout) != 0) {
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+    fmt::print(stderr, "qelctl: not all of the output could be written\n");
     return static_cast<int>(ExitCode::Failed);
   }
   return status;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// qelctl watch and top: views that go on until they are told to end. Both keep the gateway present
-// by probing, watch because traps go to present gateways only.
+// qelctl watch and top: views that go on until they are told to end. watch keeps the gateway
+// present by probing, because traps go to present gateways only; top asks for all it shows.
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
@@ -12,12 +12,12 @@
 
 #include "gateway/cli/context.h"
 #include "gateway/cli/each_switch.h"
-#include "gateway/cli/identity_output.h"
 #include "gateway/cli/interrupt.h"
 #include "gateway/cli/terminal.h"
 #include "gateway/cli/top_view.h"
 #include "gateway/cli/watch_log.h"
 #include "gateway/ports.h"
+#include "gateway/requests.h"
 
 namespace qel_gateway::cli {
 
@@ -67,9 +67,7 @@ Task<void> watch_until(Session& session, WatchLog& log, WatchArguments arguments
 
 ExitCode run_watch(Context& context, WatchArguments arguments) {
   if (context.options().dry_run) {
-    return dry_run(context, [](const std::string&) {
-      return std::vector<std::string>{probe_text(kUnknownOwnMac, 1)};
-    });
+    return dry_probe(context);
   }
   Session& session = context.session();
   const auto switches = watched(context);
@@ -81,6 +79,9 @@ ExitCode run_watch(Context& context, WatchArguments arguments) {
     }
   });
   session.on_unasked([&](const Reply& reply) { log.hear(reply, session.now()); });
+  session.on_overheard(
+      [&](const Peer& to, const std::string& text) { log.overhear(to.mac, text, session.now()); });
+  context.transport().overhear();
   context.note(fmt::format("watching {} switch{}; Ctrl-C ends", switches.size(),
                            switches.size() == 1 ? "" : "es"));
   session.spawn(stay_present(session));
@@ -186,6 +187,23 @@ class Top {
   bool quit_ = false;
 };
 
+ExitCode run_top(Context& context, const TopArguments& arguments) {
+  if (context.options().dry_run) {
+    return dry_run(context, [](const std::string& mac) {
+      std::vector<std::string> texts;
+      for (const std::string& subject : port_subjects(kPortEverything)) {
+        texts.push_back(get_text(mac, subject));
+      }
+      return texts;
+    });
+  }
+  if (context.options().json) {
+    throw Error("top draws a screen; \"qelctl ports --json\" has the same as JSON",
+                ExitCode::Usage);
+  }
+  return Top(context, arguments).run();
+}
+
 }  // namespace
 
 void add_live(CLI::App& app, Choice& choice) {
@@ -212,7 +230,7 @@ void add_live(CLI::App& app, Choice& choice) {
       ->type_name("SECONDS");
   top->add_option("--rounds", showing->rounds, "End after so many readings")->type_name("N");
   top->callback([&choice, showing] {
-    choice.action = [showing](Context& context) { return Top(context, *showing).run(); };
+    choice.action = [showing](Context& context) { return run_top(context, *showing); };
   });
 }
 

@@ -171,7 +171,7 @@ CLI::App* add_change(CLI::App& family, const char* name, const char* help, const
 
 void add_port(CLI::App& app, Choice& choice) {
   auto* family = app.add_subcommand("port", "Change one port");
-  family->require_subcommand(1);
+  family->require_subcommand(0, 1);
   family->footer("Example:\n  qelctl -i eth1 port restart ge3 --seconds 5 --wait");
   const auto arguments = std::make_shared<PortArguments>();
   add_change(*family, "enable", "Enable a port", "Example:\n  qelctl -i eth1 port enable ge3",

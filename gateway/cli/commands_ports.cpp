@@ -120,9 +120,7 @@ Task<Told> tell_identity(const Context& context, const Switch& one) {
 
 ExitCode run_show(Context& context) {
   if (context.options().dry_run) {
-    return dry_run(context, [](const std::string&) {
-      return std::vector<std::string>{probe_text(kUnknownOwnMac, 1)};
-    });
+    return dry_probe(context);
   }
   const auto switches = selected(context);
   return each_switch(context, switches, true,

@@ -88,9 +88,12 @@ Push make_push(const std::string& file, const char* subject, const std::vector<u
   return push;
 }
 
-ExitCode dry_push(Context& context, const Push& push) {
+ExitCode dry_push(Context& context, const Push& push, bool forget_first) {
   return dry_run(context, [&](const std::string& mac) {
     std::vector<std::string> texts;
+    if (forget_first) {
+      texts.push_back(forget_text(mac, push));
+    }
     for (const PlannedChunk& chunk : plan_chunks(mac, push, max_request_bytes())) {
       texts.push_back(fmt::format("{} and {} bytes", chunk.text, chunk.length));
     }
@@ -130,7 +133,7 @@ ExitCode run_restore(Context& context, const std::string& file, int come_back) {
   const auto members = check_archive(bytes);
   const Push push = make_push(file, "config_download", bytes);
   if (context.options().dry_run) {
-    return dry_push(context, push);
+    return dry_push(context, push, true);
   }
   const auto switches = selected(context);
   const std::string question =
@@ -158,7 +161,7 @@ ExitCode run_firmware_push(Context& context, const std::string& file) {
   const std::vector<uint8_t> bytes = read_file(file, kFirmwareMax);
   const Push push = make_push(file, "firm_download", bytes);
   if (context.options().dry_run) {
-    return dry_push(context, push);
+    return dry_push(context, push, false);
   }
   const auto switches = selected(context);
   const std::string question =
@@ -202,7 +205,7 @@ ExitCode run_firmware_pull(Context& context, const std::string& location) {
 
 void add_firmware(CLI::App& app, Choice& choice) {
   auto* family = app.add_subcommand("firmware", "Upgrade switches");
-  family->require_subcommand(1);
+  family->require_subcommand(0, 1);
   family->footer("Example:\n  qelctl -i eth1 --switch office-sw firmware push linux.trx");
   auto* push = family->add_subcommand("push", "Push an image to switches");
   push->footer(

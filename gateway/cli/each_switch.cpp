@@ -157,6 +157,12 @@ ExitCode dry_run(Context& context,
   return ExitCode::Done;
 }
 
+ExitCode dry_probe(const Context& context) {
+  const auto mac = parse_mac(context.options().selector);
+  print_message(context, probe_text(kUnknownOwnMac, 1), mac ? mac_display(*mac) : "every switch");
+  return ExitCode::Done;
+}
+
 bool confirmed(Context& context, const std::string& question) {
   if (context.options().yes) {
     return true;

@@ -45,6 +45,9 @@ OrderedJson json_of(const Switch& one);
 ExitCode dry_run(Context& context,
                  const std::function<std::vector<std::string>(std::string)>& make);
 
+// The same for a command that only probes: a probe goes to everybody unless --switch is a MAC.
+ExitCode dry_probe(const Context& context);
+
 // Asks a yes-or-no question on the terminal. True at once with --yes. Throws Error (usage) when
 // there is no terminal to ask on.
 bool confirmed(Context& context, const std::string& question);

@@ -3,6 +3,8 @@
 // How a switch's identity is shown.
 #include "gateway/cli/identity_output.h"
 
+#include <map>
+
 #include <fmt/format.h>
 
 #include "gateway/text.h"
@@ -26,6 +28,23 @@ OrderedJson identity_json(const Switch& one) {
   out["active"] = id.active;
   out["sys_active"] = id.sys_active;
   return out;
+}
+
+std::vector<std::string> labels_of(const std::vector<Switch>& switches) {
+  std::map<std::string_view, size_t> bearers;
+  for (const Switch& one : switches) {
+    ++bearers[one.identity.name];
+  }
+  std::vector<std::string> labels;
+  for (const Switch& one : switches) {
+    std::string label = terminal_text(one.identity.name);
+    if (bearers[one.identity.name] > 1) {
+      constexpr size_t kVendor = 9;  // "0a:1b:2c:", which all of a maker's switches have alike
+      label += " " + mac_display(one.mac).substr(kVendor);
+    }
+    labels.push_back(std::move(label));
+  }
+  return labels;
 }
 
 Table identity_table(const std::vector<Switch>& switches) {

@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "gateway/cli/identity_output.h"
 #include "gateway/cli/port_output.h"
 #include "gateway/table.h"
 #include "gateway/text.h"
@@ -83,7 +84,10 @@ std::string client_ip(const Port& port) {
 }  // namespace
 
 TopView::TopView(std::vector<Switch> switches)
-    : switches_(std::move(switches)), tables_(switches_.size()), silent_(switches_.size(), false) {}
+    : switches_(std::move(switches)),
+      labels_(labels_of(switches_)),
+      tables_(switches_.size()),
+      silent_(switches_.size(), false) {}
 
 void TopView::update(size_t index, const PortTable& table) {
   tables_.at(index) = table;
@@ -166,7 +170,7 @@ std::string TopView::text(size_t columns, size_t rows, bool colour,
   for (size_t i = scroll_; i < all.size() && i < scroll_ + page; ++i) {
     const Port& port = *all[i].port;
     const Tint owner = silent_[all[i].owner] ? Tint::Red : Tint::Plain;
-    table.add({{several ? terminal_text(switches_[all[i].owner].identity.name) : "", owner},
+    table.add({{several ? labels_[all[i].owner] : "", owner},
                {terminal_text(port.name), Tint::Cyan},
                link_cell(port),
                speed_text(port),

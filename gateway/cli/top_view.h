@@ -41,6 +41,7 @@ class TopView {
   std::string head(const std::string& clock, size_t columns, bool colour) const;
 
   std::vector<Switch> switches_;
+  std::vector<std::string> labels_;
   std::vector<PortTable> tables_;
   std::vector<bool> silent_;
   TopSort sort_ = TopSort::Rx;

@@ -11,6 +11,7 @@
 
 #include <fmt/format.h>
 
+#include "gateway/cli/identity_output.h"
 #include "gateway/progress.h"
 #include "gateway/text.h"
 
@@ -57,6 +58,7 @@ class Transfers {
       : context_(context),
         command_(std::move(command)),
         switches_(switches),
+        labels_(labels_of(switches)),
         job_(job),
         ended_(switches.size()),
         progress_(progress_options(context), clock_, [](const std::string& text) {
@@ -88,7 +90,7 @@ class Transfers {
       set_interrupted(ended, "not begun");
       co_return;
     }
-    const size_t line = progress_.add(terminal_text(switches_[i].identity.name));
+    const size_t line = progress_.add(labels_[i]);
     const ProgressSink sink = [this, line](uint64_t done, uint64_t total) {
       progress_.update(line, done, total);
     };
@@ -130,6 +132,7 @@ class Transfers {
   Context& context_;
   std::string command_;
   const std::vector<Switch>& switches_;
+  std::vector<std::string> labels_;
   const TransferJob& job_;
   std::vector<Ended> ended_;
   SteadyClock clock_;

@@ -3,6 +3,10 @@
 // Telling events.
 #include "gateway/cli/watch_log.h"
 
+#include <algorithm>
+#include <array>
+#include <string_view>
+
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
@@ -17,6 +21,22 @@ namespace qel_gateway::cli {
 namespace {
 
 constexpr Duration kSilent{11000};
+constexpr Duration kAnswerWithin{3000};  // after an overheard request
+
+// Bounds on what a stranger can make this remember.
+constexpr size_t kSwitchesMost = 4096;
+constexpr size_t kPortsMost = 256;
+constexpr size_t kExcusesMost = 16;
+
+// Subjects of messages that switches send only when asked.
+constexpr std::array<std::string_view, 11> kAnswers = {
+    "pong",          "ports_info",      "ports_pos",      "ports_conf",
+    "ports_link",    "ports_stats",     "ports_poe_conf", "sys_info",
+    "config_upload", "config_download", "firm_download"};
+
+bool is_answer(const std::string& subject) {
+  return std::ranges::find(kAnswers, subject) != kAnswers.end();
+}
 
 std::string client_words(const Json& details) {
   const PortClient client = read_port_client(details);
@@ -70,7 +90,9 @@ std::string event_json(const Event& event) {
 WatchLog::WatchLog(const std::vector<Switch>& switches, bool open, TimePoint now, Sink sink)
     : open_(open), sink_(std::move(sink)) {
   for (const Switch& one : switches) {
-    known_[one.mac] = {one.identity.name, now, false};
+    Known& known = known_[one.mac];
+    known.name = one.identity.name;
+    known.heard = now;
   }
 }
 
@@ -83,14 +105,63 @@ void WatchLog::tell(const MacAddress& mac, const std::string& kind, const std::s
 void WatchLog::hear_answer(const Reply& reply, TimePoint now) {
   const Identity identity = read_identity(reply.data);
   const bool fresh = !known_.contains(reply.mac);
-  if (fresh && !open_) {
+  if (fresh && (!open_ || known_.size() >= kSwitchesMost)) {
     return;
   }
   Known& known = known_[reply.mac];
   const bool back = known.silent;
-  known = {identity.name, now, false};
+  known.name = identity.name;
+  known.heard = now;
+  known.silent = false;
   if (fresh || back) {
     tell(reply.mac, fresh ? "new" : "back", "", nullptr);
+  }
+}
+
+bool WatchLog::excused(Known& known, const std::string& port, TimePoint now) {
+  std::erase_if(known.excuses, [now](const Excuse& excuse) { return now >= excuse.until; });
+  for (Excuse& excuse : known.excuses) {
+    if (excuse.used.size() < kPortsMost && excuse.used.insert(port).second) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void WatchLog::hear_clients(const Reply& reply, TimePoint now) {
+  for (const auto& [port, details] : reply.data.items()) {
+    read_port_client(details);
+  }
+  Known& known = known_[reply.mac];
+  for (const auto& [port, details] : reply.data.items()) {
+    const auto last = known.last.find(port);
+    const bool news = last != known.last.end() && last->second != details;
+    if (last != known.last.end() || known.last.size() < kPortsMost) {
+      known.last[port] = details;
+    }
+    const bool asked = excused(known, port, now);
+    if (!asked || news) {
+      tell(reply.mac, reply.subject, port, details);
+    }
+  }
+}
+
+void WatchLog::overhear(const MacAddress& to, const std::string& text, TimePoint now) {
+  try {
+    const Json root = parse_json(text);
+    const std::string verb = text_member(root, "cmd");
+    if ((verb != "get" && verb != "probe" && verb != "ping") ||
+        text_member(root, "subcmd") != "ports_client") {
+      return;
+    }
+  } catch (const BadReply&) {
+    return;  // no switch answers that
+  }
+  const bool everybody = (to.bytes[0] & 1) != 0;  // the group bit of an address
+  for (auto& [mac, known] : known_) {
+    if ((everybody || mac == to) && known.excuses.size() < kExcusesMost) {
+      known.excuses.push_back({now + kAnswerWithin, {}});
+    }
   }
 }
 
@@ -99,14 +170,11 @@ void WatchLog::hear(const Reply& reply, TimePoint now) {
     hear_answer(reply, now);
     return;
   }
-  if (reply.subject.empty() || !known_.contains(reply.mac)) {
+  if (reply.subject.empty() || is_answer(reply.subject) || !known_.contains(reply.mac)) {
     return;
   }
   if (reply.subject == "ports_client" && reply.data.is_object()) {
-    for (const auto& [port, details] : reply.data.items()) {
-      read_port_client(details);
-      tell(reply.mac, reply.subject, port, details);
-    }
+    hear_clients(reply, now);
     return;
   }
   tell(reply.mac, reply.subject, "", reply.data);

@@ -128,6 +128,50 @@ TEST(Output, PortsInOnePlaceAreNotLost) {
   EXPECT_NE(text.find("without a place: ge2 ○ ge3 ↻\n"), std::string::npos) << text;
 }
 
+// Stands for the escape sequences of colours: bold, cyan, and the end of either.
+std::string coloured(std::string text) {
+  for (const auto& [sign, sequence] : std::initializer_list<std::pair<const char*, const char*>>{
+           {"<b>", "\033[1m"}, {"<c>", "\033[36m"}, {"</>", "\033[0m"}}) {
+    for (size_t at = 0; (at = text.find(sign, at)) != std::string::npos;) {
+      text.replace(at, std::string(sign).size(), sequence);
+    }
+  }
+  return text;
+}
+
+TEST(Output, IdentityTableAtTwoWidthsWithAndWithoutColour) {
+  Switch one = office_switch();
+  one.identity.hw_version = "V1.0";
+  one.identity.sw_version = "V2.1";
+  one.identity.cpu = 7;
+  one.identity.mem = 41;
+  Switch other = one;
+  other.mac.bytes[5] = 0x60;
+  other.identity.name = "the switch in the cellar";
+  other.identity.ip.clear();
+  other.identity.uptime = 59;
+  other.identity.sys_active = 300;
+  const Table table = identity_table({one, other});
+  EXPECT_EQ(table.text({80, false}),
+            "MAC                NAME          ADDRESS          MODEL         SOFTWARE  UPTIME\n"
+            "0a:1b:2c:3d:4e:5f  office-sw     192.168.1.10/24  QM4410_MODEL  V2.1       1h 0m\n"
+            "0a:1b:2c:3d:4e:60  the switch …  none             QM4410_MODEL  V2.1         59s\n");
+  EXPECT_EQ(table.text({200, false}),
+            "MAC                NAME                      ADDRESS          MODEL         SOFTWARE  "
+            "HARDWARE  UPTIME  CPU  MEM  ACTIVE\n"
+            "0a:1b:2c:3d:4e:5f  office-sw                 192.168.1.10/24  QM4410_MODEL  V2.1      "
+            "V1.0       1h 0m   7%  41%       0\n"
+            "0a:1b:2c:3d:4e:60  the switch in the cellar  none             QM4410_MODEL  V2.1      "
+            "V1.0         59s   7%  41%     300\n");
+  EXPECT_EQ(table.text({80, true}),
+            coloured("<b>MAC</>                <b>NAME</>          <b>ADDRESS</>          "
+                     "<b>MODEL</>         <b>SOFTWARE</>  <b>UPTIME</>\n"
+                     "<c>0a:1b:2c:3d:4e:5f</>  office-sw     192.168.1.10/24  QM4410_MODEL  V2.1 "
+                     "      1h 0m\n"
+                     "<c>0a:1b:2c:3d:4e:60</>  the switch …  none             QM4410_MODEL  V2.1 "
+                     "        59s\n"));
+}
+
 TEST(Output, IdentityTable) {
   EXPECT_EQ(
       identity_table({office_switch()}).text({0, false}),
@@ -179,14 +223,40 @@ TEST(TopViewTest, TellsSilentSwitches) {
   TopView view({office_switch(), other});
   view.update(0, sample());
   view.silent(1);
-  const std::string text = view.text(100, 24, false, "");
+  std::string text = view.text(100, 24, false, "");
   EXPECT_NE(text.find("2 switches, 5 ports, 2 up  sorted by rx  1 silent"), std::string::npos);
   EXPECT_NE(text.find("office-sw  ge1"), std::string::npos);
+}
+
+TEST(TopViewTest, SwitchesOfOneNameAreToldApart) {
+  Switch other = office_switch();
+  other.mac.bytes[5] = 0x60;
+  Switch third = other;
+  third.identity.name = "core-sw";
+  TopView view({office_switch(), other, third});
+  for (size_t i = 0; i < 3; ++i) {
+    PortTable table;
+    table.ports.push_back(sample().ports[0]);
+    view.update(i, table);
+  }
+  EXPECT_EQ(view.text(60, 24, false, "12:00:00"),
+            "12:00:00  3 switches, 3 ports, 3 up  sorted by rx\n"
+            "SWITCH              PORT  LINK      SPEED  TX/s  RX/s  POE\n"
+            "office-sw 3d:4e:5f  ge1   up    1000 full   25k    10  on\n"
+            "office-sw 3d:4e:60  ge1   up    1000 full   25k    10  on\n"
+            "core-sw             ge1   up    1000 full   25k    10  on\n"
+            "q quit  sort: p port t tx r rx l link c client  u links onl…");
 }
 
 class WatchLogTest : public gateway_test::OnFakeWire {
  protected:
   Reply message(const std::string& text) { return read_reply({office.source, {text, {}}}); }
+
+  Reply client_report(const std::string& port, const std::string& state) {
+    return message(R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_client","data":{")" +
+                   port + R"(":{"client_state":")" + state +
+                   R"(","client_mac":"","client_ip":"","client_type":"UN"}}})");
+  }
 
   std::vector<Event> events;
   WatchLog log{{office}, true, TimePoint(std::chrono::hours(1)), [this](const Event& event) {
@@ -221,6 +291,52 @@ TEST_F(WatchLogTest, HostileTrapsAreRefusedOrMadeHarmless) {
   ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(event_line(events[0], false).find('\x1b'), std::string::npos);
   log.hear(message(R"({"mac":"0a1b2c3d4e99","cmd":"update","subcmd":"x","data":{}})"), clock.now());
+  EXPECT_EQ(events.size(), 1u);
+}
+
+TEST_F(WatchLogTest, AnswersToOtherProgramsAreNoEvents) {
+  for (const char* subject :
+       {"pong", "ports_info", "ports_pos", "ports_conf", "ports_link", "ports_stats",
+        "ports_poe_conf", "sys_info", "config_upload", "config_download", "firm_download"}) {
+    log.hear(message(R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":")" + std::string(subject) +
+                     R"(","data":{}})"),
+             clock.now());
+  }
+  EXPECT_TRUE(events.empty());
+}
+
+TEST_F(WatchLogTest, AnOverheardRequestExcusesOneReportOfEachPort) {
+  const std::string request =
+      R"({"mac":"0a1b2c3d4e5f","cmd":"get","subcmd":"ports_client","data":{}})";
+  log.overhear(office.mac, request, clock.now());
+  log.hear(client_report("ge1", "NONE"), clock.now());
+  log.hear(client_report("ge2", "NONE"), clock.now());
+  EXPECT_TRUE(events.empty());
+  log.hear(client_report("ge1", "NONE"), clock.now());
+  ASSERT_EQ(events.size(), 1u);  // twice for one request: nobody asked for this one
+  EXPECT_EQ(events[0].port, "ge1");
+  log.overhear(office.mac, request, clock.now());
+  log.hear(client_report("ge2", "ON"), clock.now());
+  ASSERT_EQ(events.size(), 2u);  // asked for or not, it is news
+  EXPECT_EQ(events[1].port, "ge2");
+  log.hear(client_report("ge3", "NONE"), clock.now() + Duration(2999));
+  EXPECT_EQ(events.size(), 2u);
+  log.hear(client_report("ge4", "NONE"), clock.now() + Duration(3000));
+  EXPECT_EQ(events.size(), 3u);  // too late to be the answer
+}
+
+TEST_F(WatchLogTest, OnlyRequestsForClientReportsExcuse) {
+  const MacAddress group{{0x01, 0x80, 0xC2, 0x00, 0x00, 0x1F}};
+  const MacAddress other{{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x60}};
+  log.overhear(other, R"({"mac":"","cmd":"get","subcmd":"ports_client","data":{}})", clock.now());
+  log.overhear(group, R"({"mac":"","cmd":"set","subcmd":"ports_client","data":{}})", clock.now());
+  log.overhear(group, R"({"mac":"","cmd":"get","subcmd":"ports_conf","data":{}})", clock.now());
+  log.overhear(group, R"({"mac":"","cmd":"get","subcm)", clock.now());
+  log.overhear(group, "", clock.now());
+  log.hear(client_report("ge1", "NONE"), clock.now());
+  EXPECT_EQ(events.size(), 1u);
+  log.overhear(group, R"({"cmd":"get","subcmd":"ports_client"})", clock.now());
+  log.hear(client_report("ge1", "NONE"), clock.now());
   EXPECT_EQ(events.size(), 1u);
 }
 
