@@ -1,11 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
 """qelctl where something is wrong: with the wire, with the rights, with the switches, with the words."""
 
+import io
 import json
 import os
 import re
 import socket
 import subprocess
+import tarfile
+import threading
 
 import pytest
 from labkit import TOP, Lab, wait_until
@@ -38,12 +41,31 @@ def test_no_permission_says_which_and_how(qelctl):
     )
 
 
+def test_an_ordinary_user_is_told_the_same(qelctl):
+    result = qelctl.lab.run(
+        "setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", "qelctl", "-i", "gw0", "show", check=False
+    )
+    if "setpriv" in result.stderr:
+        pytest.skip("this machine gives a lab no second user")
+    assert result.returncode == 1 and result.stdout == ""
+    assert "needs the capability CAP_NET_RAW" in result.stderr and "sudo setcap cap_net_raw+ep" in result.stderr
+
+
 def test_an_interface_that_is_down(make_lab, tmp_path):
     lab = make_lab("--board", quiet_board(tmp_path))
     lab.run("ip", "link", "set", "gw0", "down")
     assert Qelctl(lab)("-i", "gw0", "discover", status=1).stderr == (
         'qelctl: interface gw0 is down; "ip link set gw0 up" brings it up\n'
     )
+
+
+def test_an_interface_that_goes_down_while_one_watches(make_lab, tmp_path):
+    lab = make_lab("--board", quiet_board(tmp_path))
+    result = beside(lab, tmp_path, "watch")
+    wait_until(lambda: "watching 1 switch" in (tmp_path / "err").read_text(), "watch to begin")
+    lab.run("ip", "link", "set", "gw0", "down")
+    status, _, err = result()
+    assert (status, err) == (1, "qelctl: watching 1 switch; Ctrl-C ends\nqelctl: interface gw0 went down\n")
 
 
 def test_a_small_mtu_is_told_when_answers_stay_away(make_lab, tmp_path):
@@ -56,6 +78,10 @@ def test_a_small_mtu_is_told_when_answers_stay_away(make_lab, tmp_path):
     # Chunks are cut to what fits.
     assert "the switch has all of the archive" in qelctl("--yes", "restore", file, timeout=60).stdout
     wait_until(lambda: qelctl.json("show"), "the switch")
+    long = json.dumps({"x": "y" * 700})
+    assert "does not fit the MTU 600 of gw0; \"ip link set gw0 mtu 1618\" makes room" in (
+        qelctl("query", "mono", "x", long, status=1).stderr
+    )
     result = qelctl("--timeout", "0.5", "query", "nobody", "x", status=3)
     assert (
         "qelctl: gw0 has an MTU of 600: answers of more than 582 bytes may get lost; "
@@ -66,11 +92,8 @@ def test_a_small_mtu_is_told_when_answers_stay_away(make_lab, tmp_path):
 def test_nobody_answers(make_lab, tmp_path):
     lab = make_lab("--board", quiet_board(tmp_path))
     lab.switch("ip", "link", "set", "vlanif1", "down")
-    qelctl = Qelctl(lab, "--timeout", "0.5")
-    for command in (["discover"], ["show"], ["ports"], ["port", "enable", "ge1"], ["watch"], ["--yes", "reboot"]):
-        result = qelctl(*command, status=3)
-        assert result.stdout == ""
-        assert result.stderr in ("qelctl: no switch answered\n", "qelctl: no answer from any switch\n")
+    result = Qelctl(lab, "--timeout", "0.5")("discover", status=3)
+    assert (result.stdout, result.stderr) == ("", "qelctl: no switch answered\n")
 
 
 class Impostor:
@@ -106,12 +129,15 @@ class Impostor:
 
 def beside(lab, directory, *arguments):
     """Starts qelctl beside the test; returns what waits for (status, stdout, stderr)."""
+    for name in ("out", "err", "pid"):
+        (directory / name).touch()
     words = " ".join(f"'{word}'" for word in arguments)
-    lab.run("sh", "-c", f"( qelctl {words} >{directory}/out 2>{directory}/err; echo $? >{directory}/status ) >/dev/null 2>&1 &")
+    command = f"sh -c 'echo $$ >{directory}/pid; exec qelctl \"$@\"' sh {words} >{directory}/out 2>{directory}/err"
+    lab.run("sh", "-c", f"( {command}; echo $? >{directory}/status ) >/dev/null 2>&1 &")
 
     def result():
         status = wait_until(
-            lambda: (directory / "status").exists() and (directory / "status").read_text(), "qelctl to end"
+            lambda: (directory / "status").exists() and (directory / "status").read_text(), "qelctl to end", seconds=30
         )
         return int(status), (directory / "out").read_text(), (directory / "err").read_text()
 
@@ -164,6 +190,209 @@ def test_answers_nobody_asked_for_are_not_believed(qelctl, tmp_path):
     assert status == 0
     assert len(out.splitlines()) == 1
     assert f"two switches call themselves {MAC}; the second is left out" in err
+
+
+STRANGER = "0a:1b:2c:3d:4e:99"
+SILENT_PORTS = "the switch does not say which ports it has"
+DYING = {
+    "ports": SILENT_PORTS, "stats": SILENT_PORTS, "poe": SILENT_PORTS, "clients": SILENT_PORTS,
+    "port enable ge1": SILENT_PORTS, "port disable ge1": SILENT_PORTS, "port speed ge1 1G": SILENT_PORTS,
+    "port restart ge1": SILENT_PORTS, "port config ge1 eee=on": SILENT_PORTS,
+    "ip 10.0.0.1/8": "sent, but the switch does not answer any more",
+    "time": "the switch does not tell its clock", "time now": "sent, but the switch does not answer",
+    "name x": "sent, but the switch does not answer any more",
+    "active 5": "sent, but the switch does not answer any more",
+    "reboot": "no answer; nothing was sent", "reset": "no answer; nothing was sent",
+    "query poe x": "no reply; empty ones and those of more than 1600 bytes never come",
+    "backup {folder}/a.tar.gz": "backup: no answer: no answer\n",
+    "restore {archive}": "restore: no answer: no answer; nothing was sent\n",
+    "firmware push {archive}": "firmware push: no answer: no answer to the last chunk: whether the upgrade began is not "
+    "known\n",
+    "firmware pull http://h/x": "firmware pull: no answer: sent; the switch has not answered since\n",
+}  # fmt: skip
+
+
+def archive(path, size):
+    """A configuration archive of about `size` bytes, so many that it is under way for a while."""
+    content = os.urandom(size)
+    with tarfile.open(path, "w:gz", format=tarfile.USTAR_FORMAT) as tar:
+        member = tarfile.TarInfo("big.conf")
+        member.size = size
+        tar.addfile(member, io.BytesIO(content))
+    return str(path)
+
+
+@pytest.mark.parametrize("command", DYING)
+def test_a_switch_that_answers_the_probe_and_dies(qelctl, tmp_path, command):
+    folder = tmp_path / "folder"
+    folder.mkdir()
+    words = command.format(folder=folder, archive=archive(tmp_path / "a.tar.gz", 100)).split()
+    other = Impostor(qelctl.lab, bytes.fromhex("0a1b2c3d4e99"))
+    with other.socket:
+        result = beside(qelctl.lab, tmp_path, "--yes", "-s", STRANGER, "--timeout", "0.3", *words)
+        other.serve(1, lambda to, tick: other.answer(to, tick, "ghost"))
+        status, out, err = result()
+    assert status == 3, out + err
+    assert DYING[command] in out + err
+    assert f"ghost ({STRANGER}): " in out + err
+    assert os.listdir(folder) == []
+
+
+def test_top_shows_that_a_switch_died(qelctl):
+    other = Impostor(qelctl.lab, bytes.fromhex("0a1b2c3d4e99"))
+    answering = threading.Thread(
+        target=other.serve, args=(1, lambda to, tick: other.answer(to, tick, "ghost"))
+    )
+    with other.socket:
+        answering.start()
+        status, _, output = qelctl.on_terminal("-s", STRANGER, "--timeout", "0.3", "top", "--rounds", "1")
+        answering.join()
+    assert status == 0
+    assert "1 switch, 0 ports, 0 up  sorted by rx\033[31m  1 silent\033[0m" in output
+
+
+def cut_after(lab, condition, what):
+    """Takes the switch off the wire as soon as `condition` holds."""
+    wait_until(condition, what)
+    lab.switch("ip", "link", "set", "vlanif1", "down")
+
+
+@pytest.fixture
+def big(make_lab, tmp_path):
+    """A lab whose switch has a large configuration, and an archive as large."""
+    lab = make_lab("--board", quiet_board(tmp_path))
+    (lab.dir / "conf/big.conf").write_bytes(os.urandom(2_000_000))
+    folder = tmp_path / "folder"
+    folder.mkdir()
+    return lab, folder, archive(tmp_path / "big.tar.gz", 2_000_000)
+
+
+def test_a_switch_that_dies_in_the_middle_of_a_backup(big, tmp_path):
+    lab, folder, _ = big
+    result = beside(lab, tmp_path, "--timeout", "1", "backup", str(folder / "a.tar.gz"))
+    cut_after(lab, lambda: "25% of 2.0 MB" in (tmp_path / "err").read_text(), "a quarter of it")
+    status, out, _ = result()
+    assert status == 3
+    assert re.fullmatch(r"desk-sw \(0a:1b:2c:3d:4e:10\): backup: no answer: no answer for chunk \d+\n", out), out
+    assert os.listdir(folder) == []
+
+
+def test_a_switch_that_dies_in_the_middle_of_a_restore(big, tmp_path):
+    lab, _, file = big
+    result = beside(lab, tmp_path, "--timeout", "1", "--yes", "restore", file)
+    cut_after(lab, lambda: "25% of 2.0 MB" in (tmp_path / "err").read_text(), "a quarter of it")
+    status, out, _ = result()
+    assert status == 3
+    assert re.fullmatch(
+        r"desk-sw \(0a:1b:2c:3d:4e:10\): restore: no answer: no answer after \d+ bytes; the switch may hold a part of "
+        r"the archive, but applies none of it before another restore\n", out,
+    ), out  # fmt: skip
+    lab.switch("ip", "link", "set", "vlanif1", "up")
+    wait_until(lambda: Qelctl(lab).json("--timeout", "5", "show")[0]["name"] == "desk-sw")
+
+
+def test_a_switch_that_dies_in_the_middle_of_an_upgrade(big, tmp_path):
+    lab, _, file = big
+    result = beside(lab, tmp_path, "--timeout", "1", "--yes", "firmware", "push", file)
+    cut_after(lab, lambda: "25% of 2.0 MB" in (tmp_path / "err").read_text(), "a quarter of it")
+    status, out, _ = result()
+    assert status == 3
+    assert re.fullmatch(
+        r"desk-sw \(0a:1b:2c:3d:4e:10\): firmware push: no answer: no answer after \d+ bytes; nothing was upgraded\n", out
+    ), out
+    assert "Upgrading" not in lab.console()
+
+
+@pytest.mark.parametrize("number, status", [("INT", 130), ("TERM", 143), ("HUP", 129)])
+def test_a_signal_in_a_backup_leaves_no_file(big, tmp_path, number, status):
+    lab, folder, _ = big
+    (folder / "a.tar.gz").write_bytes(b"yesterday's")
+    result = beside(lab, tmp_path, "backup", str(folder / "a.tar.gz"))
+    wait_until(lambda: "25% of 2.0 MB" in (tmp_path / "err").read_text(), "a quarter of it")
+    lab.run("kill", f"-{number}", (tmp_path / "pid").read_text().strip())
+    ended, out, _ = result()
+    assert ended == status
+    assert out == f"desk-sw ({MAC}): backup: failed: interrupted\n"
+    assert os.listdir(folder) == ["a.tar.gz"]
+    assert (folder / "a.tar.gz").read_bytes() == b"yesterday's"
+
+
+def test_a_signal_in_a_restore_makes_the_switch_forget_it(big, tmp_path):
+    lab, folder, file = big
+    result = beside(lab, tmp_path, "--yes", "restore", file)
+    wait_until(lambda: "25% of 2.0 MB" in (tmp_path / "err").read_text(), "a quarter of it")
+    lab.run("kill", "-INT", (tmp_path / "pid").read_text().strip())
+    status, out, _ = result()
+    assert status == 130
+    assert out == (
+        f"desk-sw ({MAC}): restore: failed: interrupted; the switch was told to forget what it had, nothing was applied\n"
+    )
+    assert Qelctl(lab).json("show")[0]["name"] == "desk-sw"
+
+
+def test_a_signal_in_a_discovery_ends_it_with_what_was_found(qelctl, tmp_path):
+    other = Impostor(qelctl.lab, bytes.fromhex("0a1b2c3d4e99"))
+
+    def act(to, tick):
+        other.answer(to, tick, "ghost")
+        qelctl.lab.run("kill", "-INT", (tmp_path / "pid").read_text().strip())
+
+    with other.socket:
+        result = beside(qelctl.lab, tmp_path, "discover", "--timeout", "60")
+        other.serve(1, act)
+        status, out, err = result()
+    assert status == 130 and err == ""
+    assert "ghost" in out
+
+
+@pytest.mark.parametrize("command", ["ports", "port enable ge1", "name x", "query poe x", "reboot", "watch"])
+def test_a_signal_while_an_answer_is_waited_for(qelctl, tmp_path, command):
+    other = Impostor(qelctl.lab, bytes.fromhex("0a1b2c3d4e99"))
+    with other.socket:
+        words = ["--yes", "-s", STRANGER, "--timeout", "60", *command.split()]
+        result = beside(qelctl.lab, tmp_path, *words)
+        other.serve(1, lambda to, tick: other.answer(to, tick, "ghost"))
+        other.socket.recv(2000)  # what the command asks next
+        qelctl.lab.run("kill", "-INT", (tmp_path / "pid").read_text().strip())
+        status, out, _ = result()
+    assert status == (0 if command == "watch" else 130)
+    assert out == ""
+
+
+def test_reports_cut_repeated_late_and_out_of_order(qelctl, tmp_path):
+    """The ports of a switch that gets everything wrong and yet says all of it once."""
+    other = Impostor(qelctl.lab, bytes.fromhex("0a1b2c3d4e99"))
+
+    def report(subject, data, mac="0a1b2c3d4e99"):
+        return f'{{"mac":"{mac}","cmd":"update","subcmd":"{subject}","data":{data}}}'.encode()
+
+    def client(port, state, **options):
+        mac, ip = ("001122334455", "192.168.1.20") if state == "ON" else ("", "")
+        members = f'"client_state":"{state}","client_mac":"{mac}","client_ip":"{ip}","client_type":"UN"'
+        return report("ports_client", f'{{"{port}":{{{members}}}}}', **options)
+
+    info, places = report("ports_info", '{"b":[1,1,"G",1],"a":[0,1,"G",0]}'), report("ports_pos", '{"a":[1,1],"b":[1,2]}')
+    answers = {
+        b'"ports_info"': [places, info[:-9], client("a", "ON"), info, info, places, info],
+        b'"ports_client"': [
+            info, client("b", "ON"), client("b", "ON"), client("c", "ON"), client("a", "ON", mac="0a1b2c3d4e98"),
+            client("a", "ON")[:-1], b"\xff\xfe", b"", client("a", "NONE"), client("a", "ON"),
+        ],
+    }  # fmt: skip
+    with other.socket:
+        result = beside(qelctl.lab, tmp_path, "-s", STRANGER, "clients")
+        other.serve(1, lambda to, tick: other.answer(to, tick, "ghost"))
+        while answers:
+            frame = other.socket.recv(2000)
+            for subject in [name for name in answers if name in frame]:
+                for text in answers.pop(subject):
+                    other.send(frame[6:12], text)
+        status, out, err = result()
+    assert (status, err) == (0, "")
+    assert out == (
+        "PORT  STATE  MAC                IP            TYPE\n"
+        "b     ON     00:11:22:33:44:55  192.168.1.20  UN\n"
+    )
 
 
 def test_a_switch_that_dies_after_the_question(make_lab, tmp_path):

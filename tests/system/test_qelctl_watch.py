@@ -58,6 +58,21 @@ def test_watch_tells_each_trap(qelctl, tmp_path):
     assert watching.err.read_text() == "qelctl: watching 1 switch; Ctrl-C ends\n"
 
 
+def test_watch_tells_traps_and_not_what_other_commands_are_answered(qelctl, tmp_path):
+    """Two commands on one interface have one address, so that each hears the other's answers."""
+    watching = Watching(qelctl, tmp_path, "watch")
+    for command in (["ports"], ["clients"], ["time"], ["query", "poe", "poe_qel_port_config_get_all"]):
+        qelctl(*command)
+    qelctl("backup", tmp_path / "a.tar.gz")
+    qelctl.lab.morvactl("link", "ge2", "down")
+    wait_until(lambda: watching.lines(), "a trap between the answers")
+    qelctl("clients")
+    qelctl.lab.morvactl("link", "ge2", "up")
+    wait_until(lambda: len(watching.lines()) == 2, "a trap after the answers")
+    watching.end()
+    assert [line[10:] for line in watching.lines()] == ["desk-sw  ge2  client NONE"] * 2
+
+
 def test_watch_in_json_ends_after_a_count(qelctl, tmp_path):
     watching = Watching(qelctl, tmp_path, "--json", "watch", "--count", "2")
     qelctl.lab.morvactl("link", "ge3", "down")
