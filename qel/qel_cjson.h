@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <memory>
 
+#include "qel/qel_text.h"
+
 struct qel_cjson_delete {
   void operator()(cJSON* tree) const { cJSON_Delete(tree); }
 };
@@ -35,3 +37,8 @@ int32_t cJSON_GetObjectItemIntDef(const cJSON* object, const char* name, int32_t
 
 // 64-bit form; exact up to 2^53, beyond that as near as a double is, clamped to the type.
 int64_t cJSON_GetObjectItemLongIntDef(const cJSON* object, const char* name, int64_t fallback);
+
+// Appends an object as cJSON_Print does, byte for byte, but without its memory and its detours over
+// floating-point formats. Only for objects that hold nothing but whole numbers below 10^15, true,
+// false, null and strings that need no escaping. False for others; `out` then holds rubbish.
+bool qel_cjson_print_flat(qel_text& out, const cJSON* object);

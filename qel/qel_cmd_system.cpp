@@ -25,6 +25,12 @@ qel_text& send_area() {
   return area.begin();
 }
 
+int send_pong(const qel_link* link, const char* data_text) {
+  qel_text& text = send_area();
+  qel_json_pong(text, data_text);
+  return qel_cmd_send_text(link, text);
+}
+
 int send_sys_info(const qel_link* link, int result) {
   qel_text& text = send_area();
   qel_json_sys_info(text, result);
@@ -86,14 +92,17 @@ int qel_cmd_handle_pingnew(qel_link* link, const cJSON* root, const char* /*text
     return 0;
   }
   // The layout of the formatted printer is part of the answer.
+  static qel_text_area<kBuildSize> area;
+  qel_text& flat = area.begin();
+  if (qel_cjson_print_flat(flat, data) && !flat.overflowed()) {
+    return send_pong(link, flat.c_str());
+  }
   const qel_cjson_text printed(cJSON_Print(data));
   if (printed == nullptr) {
     qel_console("%s,%d json print err\r\n", __func__, kLinePing);
     return -1;
   }
-  qel_text& text = send_area();
-  qel_json_pong(text, printed.get());
-  return qel_cmd_send_text(link, text);
+  return send_pong(link, printed.get());
 }
 
 int qel_cmd_handle_sys_ip(qel_link* link, const cJSON* root, const char* /*text*/) {
