@@ -8,6 +8,7 @@
 #include "qel/qel_json.h"
 #include "qel/qel_mono.h"
 #include "qel/qel_send.h"
+#include "qel/qel_stats.h"
 #include "qel/qel_table.h"
 
 namespace {
@@ -42,10 +43,23 @@ uint64_t counter(const cJSON* element, const char* name) {
   return static_cast<uint64_t>(cJSON_GetObjectItemLongIntDef(element, name, 0));
 }
 
+void store_row(const qel_stats_row& row) {
+  qel_port* port = qel_port_of(uif_get_by_name(row.name));
+  if (port != nullptr) {
+    port->tx_sum = row.tx_sum;
+    port->rx_sum = row.rx_sum;
+    port->tx_rate = row.tx_rate;
+    port->rx_rate = row.rx_rate;
+  }
+}
+
 // Stores what the module tells; a port that it does not name keeps its last values.
 void refresh_counters() {
   char* reply = qel_mono_reply_area();
   qel_mono_port_statistic_get_all(reply);
+  if (qel_stats_read(reply, store_row)) {
+    return;
+  }
   const qel_cjson_tree tree(cJSON_Parse(reply));
   const cJSON* element = nullptr;
   cJSON_ArrayForEach(element, cJSON_GetObjectItem(tree.get(), "data")) {

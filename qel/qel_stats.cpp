@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "qel/qel_stats.h"
+
+#include <cstddef>
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+constexpr size_t kDigitsMax = 18;  // fewer than any 64-bit number can overflow with
+
+bool is_digit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+bool is_plain(char c) {
+  return is_digit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '.' || c == '_' ||
+         c == '-' || c == '/';
+}
+
+// Reads a text from its beginning; every step either takes what it expects or fails.
+class scanner {
+ public:
+  explicit scanner(const char* text) : at_(text) {}
+
+  bool take(std::string_view expected) {
+    if (std::strncmp(at_, expected.data(), expected.size()) != 0) {
+      return false;
+    }
+    at_ += expected.size();
+    return true;
+  }
+
+  bool take_name(char (&name)[UIF_NAME_SIZE]) {
+    size_t length = 0;
+    while (length < sizeof name - 1 && is_plain(at_[length])) {
+      name[length] = at_[length];
+      ++length;
+    }
+    name[length] = '\0';
+    at_ += length;
+    return length > 0 && *at_ == '"';
+  }
+
+  // A tree holds numbers as doubles, which are exact up to 2^53; so is what comes out here.
+  bool take_number(uint64_t& number) {
+    uint64_t value = 0;
+    size_t digits = 0;
+    while (digits <= kDigitsMax && is_digit(at_[digits])) {
+      value = value * 10 + static_cast<uint64_t>(at_[digits] - '0');
+      ++digits;
+    }
+    if (digits == 0 || digits > kDigitsMax || (digits > 1 && *at_ == '0')) {
+      return false;
+    }
+    at_ += digits;
+    number = static_cast<uint64_t>(static_cast<double>(value));
+    return true;
+  }
+
+  [[nodiscard]] bool at_end() const { return *at_ == '\0'; }
+
+ private:
+  const char* at_;
+};
+
+bool take_row(scanner& text, qel_stats_row& row) {
+  return text.take("{\"name\":\"") && text.take_name(row.name) && text.take("\",\"tx_sum\":") &&
+         text.take_number(row.tx_sum) && text.take(",\"rx_sum\":") &&
+         text.take_number(row.rx_sum) && text.take(",\"tx_rate\":") &&
+         text.take_number(row.tx_rate) && text.take(",\"rx_rate\":") &&
+         text.take_number(row.rx_rate) && text.take("}");
+}
+
+// `visit` may be null: then the form is only checked.
+bool walk(const char* reply, void (*visit)(const qel_stats_row& row)) {
+  scanner text(reply);
+  if (!text.take("{\"ret\":0,\"data\":[")) {
+    return false;
+  }
+  qel_stats_row row = {};
+  do {
+    if (!take_row(text, row)) {
+      return false;
+    }
+    if (visit != nullptr) {
+      visit(row);
+    }
+  } while (text.take(","));
+  return text.take("]}") && text.at_end();
+}
+
+}  // namespace
+
+bool qel_stats_read(const char* reply, void (*visit)(const qel_stats_row& row)) {
+  return walk(reply, nullptr) && walk(reply, visit);
+}
