@@ -348,6 +348,8 @@ Board parse_board(const std::string& text, const std::string& file) {
     document = json::parse(text);
   } catch (const json::parse_error& error) {
     fail_syntax(text, file, error.byte);
+  } catch (const json::out_of_range&) {
+    throw BoardError(file + ": top level: expected no number beyond every range");
   }
   return read_root(Node(document, file, ""), file);
 }

@@ -134,6 +134,7 @@ TEST(Board, NamesFileKeyAndExpectation) {
       {"[]", "b.json: top level: expected an object"},
       {"{\"a\":1,\n  oops}", "b.json: line 2, column 3: expected JSON"},
       {"", "b.json: line 1, column 1: expected JSON"},
+      {"{\"mac\":3e3333}", "b.json: top level: expected no number beyond every range"},
       {std::string(5000, '['), "b.json: top level: expected a board, not a pile of brackets"},
   };
   for (const auto& row : rows) {
