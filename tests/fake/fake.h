@@ -302,7 +302,8 @@ bool is_open(int fd);
 
 // Makes an operating system call fail with `error`, after `skip` calls that work, `times` times.
 // By name: "socket", "setsockopt", "bind", "accept", "sendto", "ifreq", "fopen", "daemon",
-// "system", "unlink"; on one file only: "fopen <path>", "fread <path>", "fwrite <path>".
+// "system", "unlink"; on one file only: "fopen <path>", "fread <path>", "fwrite <path>",
+// "fseek <path>".
 void fail_os(const std::string& function, int error, int skip = 0, int times = 1 << 30);
 
 // Writes all frames sent since the last clear as a capture file. False when it cannot.

@@ -84,6 +84,9 @@ ssize_t write_file(void* cookie, const char* data, size_t size) {
 
 int seek_file(void* cookie, off64_t* offset, int whence) {
   auto& file = *static_cast<OpenFile*>(cookie);
+  if (fake::internal::os_fails("fseek " + file.path)) {
+    return -1;
+  }
   off64_t base = 0;
   if (whence == SEEK_CUR) {
     base = static_cast<off64_t>(file.position);

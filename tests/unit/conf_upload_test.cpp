@@ -190,6 +190,23 @@ TEST_F(ConfUploadTest, ArchiveThatMemoryCannotHoldIsNotAnswered) {
   EXPECT_EQ(g_qel_conf.upload_length, 0U);
 }
 
+TEST_F(ConfUploadTest, ArchiveWhoseSizeIsNotToldIsNotAnswered) {
+  pack_gives(archive_of(5000));
+  fake::fail_os(std::string("fseek ") + kArchive, EIO);
+  EXPECT_THAT(stderr_of([this] { receive(request(0)); }), HasSubstr("Memory allocation failed"));
+  EXPECT_THAT(fake::sent(), IsEmpty());
+  EXPECT_EQ(g_qel_conf.upload_data, nullptr);
+}
+
+TEST_F(ConfUploadTest, ChunkThatItsAreaCannotHoldIsNone) {
+  pack_gives(archive_of(5000));
+  ask(0);
+  std::vector<char> area(1024);
+  uint16_t tail = 7;
+  EXPECT_EQ(qel_json_conf_get(area, 0, &tail), 0U);
+  EXPECT_EQ(tail, 7);
+}
+
 TEST_F(ConfUploadTest, ArchiveThatCannotBeReadWholeIsAnsweredWithStateZero) {
   pack_gives(archive_of(5000));
   fake::fail_os(std::string("fread ") + kArchive, EIO);

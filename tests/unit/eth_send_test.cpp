@@ -199,6 +199,14 @@ TEST_F(EthSendTest, TailBeyondAnyFrameDoesNotOverrun) {
   EXPECT_THAT(fake::sent(), SizeIs(1));
 }
 
+TEST_F(EthSendTest, MessageThatTheFrameBufferCannotHoldMakesNoFrame) {
+  const Message message(pattern(2049));
+  EXPECT_EQ(qel_eth_send_frames(&link_, message.text(), 2049, 0), 0);
+  EXPECT_THAT(fake::sent(), IsEmpty());
+  EXPECT_EQ(qel_eth_send_frames(&link_, message.text(), 2048, 0), 0);
+  EXPECT_THAT(fake::sent(), SizeIs(2));
+}
+
 TEST_F(EthSendTest, FailedFrameIsToldAndTheNextOneStillSent) {
   fake::fail_os("sendto", ENETDOWN, 0, 1);
   const std::string text = pattern(1300);

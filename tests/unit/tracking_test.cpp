@@ -13,11 +13,11 @@
 #include "qel/qel_main.h"
 #include "qel/qel_req.h"
 #include "qel/qel_table.h"
+#include "tests/unit/calloc.h"
 #include "tests/unit/support.h"
 
-// The agent's records come from calloc; this one, linked in its place, can fail.
 extern "C" void* __real_calloc(size_t count, size_t size);
-static bool g_calloc_fails = false;
+bool g_calloc_fails = false;
 extern "C" __attribute__((used)) void* __wrap_calloc(size_t count, size_t size) {
   return g_calloc_fails ? nullptr : __real_calloc(count, size);
 }
@@ -224,7 +224,7 @@ TEST_F(PacketListTest, RecordsOfFiveSecondsAndOlderAreRecycled) {
 
 TEST_F(PacketListTest, RecyclingTakesEveryOldRecordWhereverItStands) {
   add_fresh(6);
-  for (uint64_t id : {1, 2, 4, 6}) {
+  for (uint64_t id : {1U, 2U, 4U, 6U}) {
     qel_eth_pkt_lookup(id)->time = kNow - 5;
   }
   qel_eth_pkt* const third = qel_eth_pkt_lookup(3);
