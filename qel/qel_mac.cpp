@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "qel/qel_mac.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <span>
 
+#include "platform/log.h"
 #include "platform/sys.h"
 #include "platform/uif.h"
 #include "qel/qel_alarm.h"
@@ -14,21 +14,30 @@
 
 namespace {
 
+constexpr char kSource[] = "qel/qel_mac";
 constexpr uint32_t kBatch = 20;
 constexpr uint32_t kTable = 3;               // which of the chip's tables is read
 constexpr uint32_t kTypeLearnt = 2;          // the entries that are watched
 constexpr int32_t kMoveInterval = 12;        // seconds between two alarms
 constexpr uint32_t kPositionMax = 1U << 20;  // no chip's table is longer: a reader must end
 
+// A node without a record is a broken invariant, as it is in the list of interfaces.
+qel_mac_entry* record_of(const struct listnode* node, unsigned line, const char* function) {
+  if (node->data == nullptr) {
+    zlog_assert_failed("(node)->data != ((void *)0)", kSource, line, function);
+  }
+  return static_cast<qel_mac_entry*>(node->data);
+}
+
 bool same_address(const qel_mac_entry& record, const struct hal_mac_entry& entry) {
   return record.vid == entry.vid && std::memcmp(record.mac, entry.mac, sizeof record.mac) == 0;
 }
 
-// Deletes every record that `doomed` picks.
+// Deletes every record that `doomed` picks, for `function`.
 template <typename Doomed>
-void delete_records(struct list* list, Doomed doomed) {
+void delete_records(struct list* list, const char* function, Doomed doomed) {
   for (struct listnode* node = list->head; node != nullptr;) {
-    auto* record = static_cast<qel_mac_entry*>(node->data);
+    qel_mac_entry* record = record_of(node, __LINE__, function);
     node = node->next;
     if (doomed(*record)) {
       listnode_delete(list, record);
@@ -37,7 +46,7 @@ void delete_records(struct list* list, Doomed doomed) {
 }
 
 int alarm_move(uint32_t old_port, const struct hal_mac_entry& entry) {
-  std::puts("find move alarm ..............\r");
+  qel_stdout("find move alarm ..............\r\n");
   const struct uif* from = uif_lookup_by_index(old_port);
   const struct uif* to = uif_lookup_by_index(entry.port);
   if (from == nullptr || to == nullptr) {
@@ -108,7 +117,7 @@ int qel_mac_find_move_process(struct list* list, const struct hal_mac_entry* ent
   bool known = false;
   const qel_mac_entry* moved = nullptr;
   for (struct listnode* node = list->head; node != nullptr && moved == nullptr; node = node->next) {
-    auto* record = static_cast<qel_mac_entry*>(node->data);
+    qel_mac_entry* record = record_of(node, __LINE__, __func__);
     if (!same_address(*record, *entry)) {
       continue;
     }
@@ -131,16 +140,17 @@ int qel_mac_find_move_process(struct list* list, const struct hal_mac_entry* ent
 
 void qel_mac_reset_list(struct list* list) {
   for (struct listnode* node = list->head; node != nullptr; node = node->next) {
-    static_cast<qel_mac_entry*>(node->data)->aging_time = 0;
+    record_of(node, __LINE__, __func__)->aging_time = 0;
   }
 }
 
 void qel_mac_clear_old_list(struct list* list) {
-  delete_records(list, [](const qel_mac_entry& record) { return record.aging_time == 0; });
+  delete_records(list, __func__,
+                 [](const qel_mac_entry& record) { return record.aging_time == 0; });
 }
 
 void qel_mac_clear_port_list(uint32_t port) {
-  delete_records(g_qel_cur_mac_list, [port](const qel_mac_entry& record) {
+  delete_records(g_qel_cur_mac_list, __func__, [port](const qel_mac_entry& record) {
     if (record.port == port) {
       qel_stdout("%s,%d %x \r\n", "qel_mac_clear_port_list", __LINE__, port);
     }
@@ -150,7 +160,7 @@ void qel_mac_clear_port_list(uint32_t port) {
 
 void qel_mac_list_show(const struct list* list) {
   for (const struct listnode* node = list->head; node != nullptr; node = node->next) {
-    const auto* record = static_cast<const qel_mac_entry*>(node->data);
+    const qel_mac_entry* record = record_of(node, __LINE__, __func__);
     const uint8_t* mac = record->mac;
     qel_stdout("%02x-%02x-%02x-%02x-%02x-%02x  %x vid %d aging_time=%u \r\n", mac[0], mac[1],
                mac[2], mac[3], mac[4], mac[5], record->port, record->vid, record->aging_time);
@@ -159,7 +169,7 @@ void qel_mac_list_show(const struct list* list) {
 
 qel_mac_entry* qel_mac_look_up_by_node(const struct list* list, const qel_mac_entry* key) {
   for (struct listnode* node = list->head; node != nullptr; node = node->next) {
-    auto* record = static_cast<qel_mac_entry*>(node->data);
+    qel_mac_entry* record = record_of(node, __LINE__, __func__);
     if (record->port == key->port && std::memcmp(record->mac, key->mac, sizeof key->mac) == 0) {
       return record;
     }

@@ -85,6 +85,8 @@ class MacMoveTest : public AgentTest {
   static uint32_t reported() { return g_qel_alarm_table[3].last_time; }
 };
 
+using MacMoveDeathTest = MacMoveTest;
+
 // ---------------------------------------------------------------------------------------------
 // What is learnt
 
@@ -111,6 +113,14 @@ TEST_F(MacMoveTest, OnlyEntriesOfTypeTwoAreWatched) {
   table(entries);
   scan();
   EXPECT_EQ(known(), 0U);
+}
+
+TEST_F(MacMoveTest, EntriesOfOtherTypesDoNotHideThoseBehindThem) {
+  table({chip_entry(kGe3, 1, 1, 300, 1), chip_entry(kGe3, 2), chip_entry(kGe3, 3, 1, 300, 3),
+         chip_entry(kGe5, 4)});
+  scan();
+  EXPECT_THAT(shown(), ElementsAre("02-00-00-00-00-02  1000003 vid 1 aging_time=300",
+                                   "02-00-00-00-00-04  1000005 vid 1 aging_time=300"));
 }
 
 TEST_F(MacMoveTest, AddressThatStaysIsRefreshedWithTheAgingTimeOfTheTable) {
@@ -482,6 +492,21 @@ TEST_F(MacMoveTest, RecordIsDeletedByPortAndAddress) {
   EXPECT_EQ(qel_mac_delete_node(nullptr, &key), -1);
   EXPECT_EQ(qel_mac_delete_node(g_qel_cur_mac_list, nullptr), -1);
   EXPECT_THAT(shown(), IsEmpty());
+}
+
+TEST_F(MacMoveDeathTest, NodeWithoutARecordIsABrokenInvariant) {
+  listnode_add(g_qel_cur_mac_list, nullptr);
+  const std::string told =
+      "\\(node\\)->data != \\(\\(void \\*\\)0\\), file qel/qel_mac, line [0-9]+, function ";
+  const hal_mac_entry entry = chip_entry(kGe3, 1);
+  const qel_mac_entry key = {};
+  EXPECT_DEATH(qel_mac_scan_check_l2_map(), told + "qel_mac_reset_list");
+  EXPECT_DEATH(qel_mac_find_move_process(g_qel_cur_mac_list, &entry),
+               told + "qel_mac_find_move_process");
+  EXPECT_DEATH(qel_mac_clear_old_list(g_qel_cur_mac_list), told + "qel_mac_clear_old_list");
+  EXPECT_DEATH(qel_mac_clear_port_list(kGe3), told + "qel_mac_clear_port_list");
+  EXPECT_DEATH(qel_mac_list_show(g_qel_cur_mac_list), told + "qel_mac_list_show");
+  EXPECT_DEATH(qel_mac_look_up_by_node(g_qel_cur_mac_list, &key), told + "qel_mac_look_up_by_node");
 }
 
 }  // namespace
