@@ -66,7 +66,8 @@ void write_rows(qel_text& out, unsigned line, const char* function, Values value
   });
 }
 
-// The same for one page: the ports whose ordinal from 1 is above page x 20, at most 20 of them.
+// The same for one page: the ports whose ordinal from 1 is above page x 20. With 20 rows the walk
+// ends, and looks at no further port.
 template <typename Values>
 void write_page(qel_text& out, int32_t page, unsigned line, const char* function, Values values) {
   int32_t ordinal = 0;
@@ -76,14 +77,10 @@ void write_page(qel_text& out, int32_t page, unsigned line, const char* function
     if (ordinal <= page * kPageRows) {
       return true;
     }
-    if (rows == kPageRows) {
-      return false;
-    }
     start_row(out, rows, uif->name);
     values(uif, port);
     out.put(']');
-    ++rows;
-    return true;
+    return ++rows < kPageRows;
   });
 }
 

@@ -14,6 +14,7 @@
 namespace {
 
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::SizeIs;
@@ -103,6 +104,14 @@ TEST_F(Board28Test, PortsPoeIsWhatTheModuleTells) {
 TEST_F(Board28Test, PortsPoeWithoutTheModuleIsZeroForEachPort) {
   ask("ports_poe");
   EXPECT_THAT(frames(), ElementsAre(BytesAre(reply_header(439) + kPoe28Zeros)));
+}
+
+TEST_F(Board28Test, PortsPoeBeginsBeforeTheModuleIsAsked) {
+  g_qel_dev.online_ports = 7;
+  uint32_t seen = 7;
+  fake::on_query([&seen](const fake::Query&) { seen = g_qel_dev.online_ports; });
+  ask("ports_poe");
+  EXPECT_EQ(seen, 0U);
 }
 
 TEST_F(Board28Test, ReportsOverUdpAreDatagramsWithoutAHeader) {
@@ -302,6 +311,14 @@ TEST_F(Board28Test, PageBehindTheLastPortIsEmpty) {
             R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_stats","data":{}})");
 }
 
+TEST_F(ReportTest, FullPageLooksAtNothingBehindIt) {
+  fake::add_ports(20);
+  start();
+  fake::add_null_interface();
+  EXPECT_THAT(built(qel_json_ports_states, 0), EndsWith(R"(,"ge20":[0,0,0,0]}})"));
+  EXPECT_THAT(built(qel_json_port_get_config, 0), EndsWith(R"(,"ge20":[1,"AN",0,0,0,0,0,0]}})"));
+}
+
 TEST_F(ReportTest, PageThatIsTooLongIsRefusedAndTheNextOneIsSent) {
   fake::add_ports(21);
   start();
@@ -448,6 +465,22 @@ TEST_F(ReportTest, ConfigurationShowsTheSwitchesInTheirOrder) {
   EXPECT_EQ(built(qel_json_port_get_config, 0),
             R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_conf","data":)"
             R"({"ge5":[1,"AN",1,2,3,4,5,-6],"ge6":[0,"AN",0,0,0,0,0,0]}})");
+}
+
+TEST_F(ReportTest, SwitchesOfTheLongestNameAreRead) {
+  fake::add_port("port-with-the-longest-name-0001");
+  for (const char* key :
+       {"iso.port-with-the-longest-name-0001.enable", "eee.port-with-the-longest-name-0001.enable",
+        "llpp.port-with-the-longest-name-0001.enable",
+        "mstp.port-with-the-longest-name-0001.enable",
+        "lldp.port-with-the-longest-name-0001.enable",
+        "poe.port-with-the-longest-name-0001.enable"}) {
+    fake::set_nvram(key, "1");
+  }
+  start();
+  EXPECT_EQ(built(qel_json_port_get_config, 0),
+            R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_conf","data":)"
+            R"({"port-with-the-longest-name-0001":[1,"AN",1,1,1,1,1,1]}})");
 }
 
 TEST_F(ReportTest, SwitchesOfAnotherPortDoNotCount) {
