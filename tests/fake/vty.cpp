@@ -60,10 +60,11 @@ bool is_number_between(const std::string& word, const std::string& range) {
          end != word.c_str() && value >= low && value <= high;
 }
 
+// A shell hands a shortened word on as it was typed.
 bool is_alternative(const std::string& word, const std::string& alternatives) {
   std::istringstream stream(alternatives.substr(1, alternatives.size() - 2));
   for (std::string one; std::getline(stream, one, '|');) {
-    if (one == word) {
+    if (one.starts_with(word)) {
       return true;
     }
   }

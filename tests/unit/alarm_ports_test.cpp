@@ -158,6 +158,18 @@ TEST_F(AlarmPortsTest, PortThatCameAfterTheStartHasNoCounter) {
   EXPECT_EQ(message(9), "") << "the walk ends where the counters end";
 }
 
+TEST_F(AlarmPortsTest, PlatformThatTellsFewerPortsLaterIsBelieved) {
+  start_with(3);
+  entry(9).port_count[2] = 12;
+  g_port_max = 2;
+  EXPECT_EQ(stdout_of([] { EXPECT_EQ(qel_alarm_statistics_fillin(9, 3, 1), -1); }),
+            "qel_alarm_statistics_fillin portindex=3 type=9 \r\n");
+  EXPECT_EQ(stdout_of([] { EXPECT_EQ(qel_alarm_port_occupancy_fillin(6, 3, 1, 1), -1); }),
+            "portindex=3 type=6 \r\n");
+  qel_alarm_ports_report(9);
+  EXPECT_EQ(message(9), "") << "the walk ends before the number of ports";
+}
+
 TEST_F(AlarmPortsTest, SwitchWithoutPortsHasTheCounterOfPortZero) {
   start_with(0);
   EXPECT_EQ(qel_alarm_statistics_fillin(9, 0, 1), 0);

@@ -100,6 +100,29 @@ TEST_F(AlarmTest, ScanAsksTheModulesInOrder) {
   EXPECT_THAT(fake::queries(), testing::Each(Field(&fake::Query::waited, true)));
 }
 
+TEST_F(AlarmTest, ScanLooksAtLoadAndMemoryBeforeItAsks) {
+  scan();
+  EXPECT_THAT(
+      fake::calls_of({"fopen", "jclient_query"}),
+      ElementsAre(
+          "fopen(/proc/stat, r)", "fopen(/proc/meminfo, r)",
+          R"(jclient_query({"mdl":"poe","cmd":"poe_qel_alarm_info_get"}))",
+          R"(jclient_query({"mdl":"mstp","cmd":"mstp_qel_alarm_info_get"}))",
+          R"(jclient_query({"mdl":"llpp","cmd":"qel_llpp_port_config_get_all"}))",
+          R"(jclient_query({"mdl":"statistics","cmd":"port_statistic_qel_dot3_get_all"}))"));
+}
+
+TEST_F(AlarmTest, MacTableThatCannotBeReadIsNoFailureAndWaitsForItsNextTurn) {
+  scan();
+  fake::fail_platform("hal_mac_get");
+  EXPECT_EQ(scan(), 0);
+  fake::clear_records();
+  EXPECT_EQ(scan(), 0);
+  EXPECT_THAT(fake::calls_of({"hal_mac_get"}), IsEmpty());
+  EXPECT_EQ(scan(), 0);
+  EXPECT_THAT(fake::calls_of({"hal_mac_get"}), SizeIs(1));
+}
+
 TEST_F(AlarmTest, MacTableIsReadLastOfEverySecondScan) {
   for (int i = 0; i < 6; ++i) {
     fake::clear_records();
@@ -268,6 +291,18 @@ TEST_P(LoadTest, ChangedValueIsReportedWhenAnHourHasPassed) {
   EXPECT_EQ(scans(719)[type()], 0) << "3595 seconds";
   EXPECT_EQ(message(type()), R"({"value":"95"})");
   EXPECT_EQ(scans(1)[type()], 1);
+  EXPECT_EQ(message(type()), R"({"value":"96"})");
+}
+
+TEST_P(LoadTest, HourIsCountedToTheSecond) {
+  set(95);
+  scans(36);
+  set(96);
+  fake::advance(3599);
+  qel_alarm_scan();
+  EXPECT_EQ(message(type()), R"({"value":"95"})");
+  fake::advance(1);
+  qel_alarm_scan();
   EXPECT_EQ(message(type()), R"({"value":"96"})");
 }
 
@@ -447,6 +482,18 @@ TEST_F(AlarmTest, EveryChangeOfTheStateIsReportedTwelveSecondsApart) {
   EXPECT_EQ(scans(2)[7], 0) << "five and ten seconds later";
   EXPECT_EQ(message(7), R"({"n":1})");
   EXPECT_EQ(scans(1)[7], 1) << "fifteen";
+  EXPECT_EQ(message(7), R"({"n":2})");
+}
+
+TEST_F(AlarmTest, TwelveSecondsAreCountedToTheSecond) {
+  mstp(R"({"n":1})");
+  qel_alarm_scan();
+  mstp(R"({"n":2})");
+  fake::advance(11);
+  qel_alarm_scan();
+  EXPECT_EQ(message(7), R"({"n":1})");
+  fake::advance(1);
+  qel_alarm_scan();
   EXPECT_EQ(message(7), R"({"n":2})");
 }
 

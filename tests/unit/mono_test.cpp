@@ -295,6 +295,12 @@ TEST_F(MonoTest, EachReplyOfTheFanOutOverwritesTheOneBefore) {
   EXPECT_STREQ(reply_, "last");
 }
 
+TEST_F(MonoTest, EveryModuleOfTheFanOutMayAnswer) {
+  fake::set_nvram("have_poe", "1");
+  qel_mono_update_portinfo_all("{}", reply_);
+  EXPECT_THAT(fake::queries(), testing::Each(testing::Field(&fake::Query::waited, true)));
+}
+
 TEST_F(MonoTest, FanOutGoesOnWhenAModuleRefuses) {
   fake::set_nvram("have_poe", "1");
   fake::reply("mono", "qel_common_update_mono_portinfo", "not json");
@@ -426,6 +432,11 @@ TEST_F(MonoTest, AnyBitOfTheTopByteMakesAPort) {
   fake::add_interface("a", 0x80000000);
   fake::add_interface("b", 0x01000000);
   EXPECT_EQ(qel_mono_get_port_count(), 14);
+}
+
+TEST_F(MonoTest, PortThatCameAfterTheStartCounts) {
+  fake::add_port("ge13");
+  EXPECT_EQ(qel_mono_get_port_count(), 13);
 }
 
 TEST_F(AgentTest, WithoutPortsThePortCountIsZero) {

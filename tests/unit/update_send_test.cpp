@@ -234,6 +234,15 @@ TEST_F(UpdateSendTest, ConfigurationTellsThePortsThatThePagesCounted) {
       << "40 reported, one of them the uplink";
 }
 
+TEST_F(UpdateSendTest, TraceComesWithOtherBitsToo) {
+  start_with(1);
+  g_qel_dev.debug = 36;
+  EXPECT_THAT(stdout_of([this] { join(); }), StartsWith(R"(n =756 buf={"type":"joinreq",)"));
+  g_qel_dev.debug = 255;
+  fake::advance(10);
+  EXPECT_THAT(stdout_of([this] { update(); }), StartsWith(R"(n = )"));
+}
+
 TEST_F(UpdateSendTest, TraceNeedsItsOwnBit) {
   start_with(1);
   g_qel_dev.debug = 0xFB;

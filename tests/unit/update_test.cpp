@@ -320,6 +320,14 @@ TEST_F(UpdateTest, PageHoldsFourPortsAndTheNextOneGoesOn) {
   EXPECT_EQ(page(), "");
 }
 
+TEST_F(UpdateTest, FullPageEndsAtTheFirstPortThatItCannotHold) {
+  start_with(5);
+  fake::add_null_interface();
+  EXPECT_THAT(page(), BytesAre(idle_port("1", "ge1") + "," + idle_port("2", "ge2") + "," +
+                               idle_port("3", "ge3") + "," + idle_port("4", "ge4")));
+  EXPECT_EQ(port("ge5")->reported, 0);
+}
+
 TEST_F(UpdateTest, ReportedPortsAreLeftOut) {
   start_with(6);
   port("ge1")->reported = 1;
@@ -390,6 +398,18 @@ TEST_F(UpdateTest, JoinAlwaysTellsZeroOnlinePorts) {
   EXPECT_EQ(g_qel_dev.online_ports, 1U);
   EXPECT_THAT(payload(qel_json_join_payload), HasSubstr(R"({"key":"onlineports","value":"0"})"));
   EXPECT_EQ(g_qel_dev.online_ports, 0U);
+}
+
+TEST_F(UpdateTest, JoinRefreshesTheTableOnceAndAfterThePortReport) {
+  start_with(2);
+  g_qel_dev.online_ports = 2;
+  fake::clear_records();
+  std::vector<uint32_t> online;
+  fake::on_query([&online](const fake::Query&) { online.push_back(g_qel_dev.online_ports); });
+  payload(qel_json_join_payload);
+  EXPECT_THAT(online, testing::ElementsAre(0U));
+  EXPECT_THAT(fake::query_texts(),
+              testing::ElementsAre(R"({"mdl":"statistics","cmd":"port_basic_statistic_get_all"})"));
 }
 
 TEST_F(UpdateTest, ConfigPayloadHoldsTheTableWithThePortsCounted) {

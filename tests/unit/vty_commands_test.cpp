@@ -51,16 +51,16 @@ TEST_F(VtyCommandsTest, ThreeNodesWithoutAPromptAreInstalledInTheirOrder) {
 
 TEST_F(VtyCommandsTest, TwoNodesGetTheCommandsOfEveryNode) {
   EXPECT_THAT(fake::calls_of({"install_default"}),
-              UnorderedElementsAre("install_default(68)", "install_default(69)"));
+              ElementsAre("install_default(68)", "install_default(69)"));
 }
 
 TEST_F(VtyCommandsTest, InterfaceCommandsAndThoseOfTheAgentStandInTheirNodes) {
-  EXPECT_THAT(fake::calls_of({"install_element"}),
-              UnorderedElementsAre("install_element(5, interface NAME)",
-                                   "install_element(69, interface NAME)",
-                                   "install_element(5, no interface NAME)",
-                                   "install_element(5, qel (enable|disable))",
-                                   "install_element(5, qel debug <0-255>)"));
+  EXPECT_THAT(
+      fake::calls_of({"install_element"}),
+      ElementsAre("install_element(5, interface NAME)", "install_element(69, interface NAME)",
+                  "install_element(5, no interface NAME)",
+                  "install_element(5, qel (enable|disable))",
+                  "install_element(5, qel debug <0-255>)"));
 }
 
 TEST_F(VtyCommandsTest, EachWordHasItsHelpLine) {
@@ -121,6 +121,15 @@ TEST_F(VtyCommandsTest, DisableOfADisabledAgentDoesNotCallTheHardwareAgain) {
   EXPECT_EQ(run("qel disable").result, 0);
   EXPECT_THAT(fake::calls(), IsEmpty());
   EXPECT_EQ(g_qel_dev.enable, 0U);
+}
+
+TEST_F(VtyCommandsTest, FirstLetterOfTheWordIsEnough) {
+  EXPECT_EQ(run("qel d").result, 0);
+  EXPECT_EQ(g_qel_dev.enable, 0U);
+  EXPECT_THAT(fake::calls_of({"hal_qel_enable"}), ElementsAre("hal_qel_enable(0)"));
+  EXPECT_EQ(run("qel en").result, 0);
+  EXPECT_EQ(g_qel_dev.enable, 1U);
+  EXPECT_THAT(fake::calls_of({"hal_qel_enable"}), ElementsAre("hal_qel_enable(1)"));
 }
 
 TEST_F(VtyCommandsTest, HardwareIsToldOfEveryChange) {
