@@ -14,15 +14,55 @@
 #include <cstring>
 #include <ctime>
 
+namespace {
+
+// An interface's index, address or mask is asked for through a socket of its own, opened and closed
+// for it: once for each frame, three times for a probe. Opening and closing cost more than asking,
+// so a socket that nothing but interface requests went through is kept for the next look-up.
+struct query_socket {
+  int type;
+  int kept;  // -1: none
+  int lent;  // handed out and not used for anything else yet; -1: none
+};
+
+query_socket query_sockets[] = {{SOCK_STREAM, -1, -1}, {SOCK_DGRAM, -1, -1}};
+
+// Descriptors that a detaching process gives to its standard streams are never kept.
+constexpr int kLastStandard = 2;
+
+void used_otherwise(int fd) {
+  for (query_socket& one : query_sockets) {
+    if (one.lent == fd) {
+      one.lent = -1;
+    }
+  }
+}
+
+}  // namespace
+
 int qel_os_socket(int domain, int type, int protocol) {
-  return socket(domain, type | SOCK_CLOEXEC, protocol);
+  query_socket* found = nullptr;
+  for (query_socket& one : query_sockets) {
+    if (domain == AF_INET && one.type == type && protocol == 0) {
+      found = &one;
+    }
+  }
+  if (found == nullptr) {
+    return socket(domain, type | SOCK_CLOEXEC, protocol);
+  }
+  const int fd = found->kept >= 0 ? found->kept : socket(domain, type | SOCK_CLOEXEC, protocol);
+  found->kept = -1;
+  found->lent = fd > kLastStandard ? fd : -1;
+  return fd;
 }
 
 int qel_os_setsockopt(int fd, int level, int option, int value) {
+  used_otherwise(fd);
   return setsockopt(fd, level, option, &value, sizeof value);
 }
 
 int qel_os_bind(int fd, const struct sockaddr* address, socklen_t length) {
+  used_otherwise(fd);
   return bind(fd, address, length);
 }
 
@@ -62,6 +102,15 @@ ssize_t qel_os_write(int fd, const void* data, size_t length) {
 }
 
 int qel_os_close(int fd) {
+  for (query_socket& one : query_sockets) {
+    if (fd >= 0 && one.lent == fd) {
+      one.lent = -1;
+      if (one.kept < 0) {
+        one.kept = fd;
+        return 0;
+      }
+    }
+  }
   return close(fd);
 }
 
