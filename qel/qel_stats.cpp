@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "qel/qel_stats.h"
 
+#include <array>
 #include <cstddef>
 #include <cstring>
 #include <string_view>
 
 namespace {
 
+constexpr size_t kRowsMax = 128;
 constexpr size_t kDigitsMax = 18;  // fewer than any 64-bit number can overflow with
 
 bool is_digit(char c) {
@@ -72,26 +74,29 @@ bool take_row(scanner& text, qel_stats_row& row) {
          text.take_number(row.rx_rate) && text.take("}");
 }
 
-// `visit` may be null: then the form is only checked.
-bool walk(const char* reply, void (*visit)(const qel_stats_row& row)) {
+// All rows of the reply, in `rows`. Returns how many, 0 for a reply of another form.
+size_t read_rows(const char* reply, std::array<qel_stats_row, kRowsMax>& rows) {
   scanner text(reply);
   if (!text.take("{\"ret\":0,\"data\":[")) {
-    return false;
+    return 0;
   }
-  qel_stats_row row = {};
+  size_t count = 0;
   do {
-    if (!take_row(text, row)) {
-      return false;
+    if (count == rows.size() || !take_row(text, rows[count])) {
+      return 0;
     }
-    if (visit != nullptr) {
-      visit(row);
-    }
+    ++count;
   } while (text.take(","));
-  return text.take("]}") && text.at_end();
+  return text.take("]}") && text.at_end() ? count : 0;
 }
 
 }  // namespace
 
 bool qel_stats_read(const char* reply, void (*visit)(const qel_stats_row& row)) {
-  return walk(reply, nullptr) && walk(reply, visit);
+  static std::array<qel_stats_row, kRowsMax> rows;
+  const size_t count = read_rows(reply, rows);
+  for (size_t i = 0; i < count; ++i) {
+    visit(rows[i]);
+  }
+  return count > 0;
 }

@@ -19,6 +19,7 @@ struct qel_stats_row {
 
 // Calls `visit` for each row of `reply` in its order. Only for replies of exactly the usual form,
 // {"ret":0,"data":[{"name":"ge1","tx_sum":1,"rx_sum":2,"tx_rate":3,"rx_rate":4},...]}
-// without blanks, with plain names and whole numbers: returns false for any other, and has then not
-// called `visit` at all. A false says nothing about the reply: it may be perfectly good JSON.
+// without blanks, with 1 to 128 rows of plain names and whole numbers: returns false for any other,
+// and has then not called `visit` at all. A false says nothing about the reply: it may be perfectly
+// good JSON.
 bool qel_stats_read(const char* reply, void (*visit)(const qel_stats_row& row));

@@ -12,6 +12,8 @@
 #include <sys/un.h>
 #include <time.h>
 
+#include <array>
+
 #include "platform/jclient.h"
 #include "platform/linux/fd.h"
 #include "platform/linux/json.h"
@@ -116,6 +118,10 @@ bool send_all(int fd, const char* data, size_t length, const Deadline& deadline)
 // Reads to the end of the stream. The length, or -1 when there are `size` bytes or more, the
 // deadline comes, or the module breaks off.
 long receive_all(int fd, char* data, size_t size, const Deadline& deadline) {
+  // No module answers before it has been given the processor.
+  if (!deadline.wait(fd, POLLIN)) {
+    return -1;
+  }
   size_t total = 0;
   while (total < size) {
     if (deadline.left_ms() == 0) {
@@ -137,31 +143,62 @@ long receive_all(int fd, char* data, size_t size, const Deadline& deadline) {
   return -1;
 }
 
+// What a byte of JSON text is for the structure: most are nothing.
+enum byte_kind : uint8_t { kPlain, kEnd, kQuote, kBackslash, kOpens, kCloses };
+
+constexpr std::array<uint8_t, 256> make_byte_kinds() {
+  std::array<uint8_t, 256> kinds = {};
+  kinds['\0'] = kEnd;
+  kinds['"'] = kQuote;
+  kinds['\\'] = kBackslash;
+  kinds['{'] = kinds['['] = kOpens;
+  kinds['}'] = kinds[']'] = kCloses;
+  return kinds;
+}
+
+constexpr std::array<uint8_t, 256> kByteKinds = make_byte_kinds();
+
+uint8_t kind_of(const char* at) {
+  return kByteKinds[static_cast<unsigned char>(*at)];
+}
+
 // The end of a string whose inside begins at `at`: its closing quote, or the text's end.
 const char* string_end(const char* at) {
-  while (*at != '\0' && *at != '"') {
-    at += *at == '\\' && at[1] != '\0' ? 2 : 1;
+  for (;; ++at) {
+    const uint8_t kind = kind_of(at);
+    if (kind == kEnd || kind == kQuote) {
+      return at;
+    }
+    if (kind == kBackslash && at[1] != '\0') {
+      ++at;
+    }
   }
-  return at;
 }
 
 // True unless brackets or quotes are open at the end: a module that dies in the middle of an answer
 // closes its socket as one does that is done.
 bool text_is_whole(const char* text) {
   long depth = 0;
-  for (const char* at = text; *at != '\0'; ++at) {
-    const char c = *at;
-    if (c == '"') {
-      at = string_end(at + 1);
-      if (*at == '\0') {
-        return false;
-      }
-    } else if ((c & 0xd9) == 0x59) {  // one of [ ] { } and a few letters
-      depth += c == '{' || c == '[' ? 1 : 0;
-      depth -= c == '}' || c == ']' ? 1 : 0;
+  for (const char* at = text;; ++at) {
+    switch (kind_of(at)) {
+      case kEnd:
+        return depth <= 0;
+      case kQuote:
+        at = string_end(at + 1);
+        if (*at == '\0') {
+          return false;
+        }
+        break;
+      case kOpens:
+        ++depth;
+        break;
+      case kCloses:
+        --depth;
+        break;
+      default:
+        break;
     }
   }
-  return depth <= 0;
 }
 
 // Logs the first failure of a row of them, and the first success after it.

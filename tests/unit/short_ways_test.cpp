@@ -123,6 +123,17 @@ TEST(StatsReadTest, AnyOtherFormIsLeftToTheParser) {
   }
 }
 
+TEST(StatsReadTest, HasALimitOfRows) {
+  std::string rows = kRow;
+  for (int i = 1; i < 128; ++i) {
+    rows += std::string(",") + kRow;
+  }
+  EXPECT_TRUE(read_stats(reply_of(rows)));
+  EXPECT_EQ(seen.size(), 128U);
+  EXPECT_FALSE(read_stats(reply_of(rows + "," + kRow)));
+  EXPECT_THAT(seen, IsEmpty());
+}
+
 // Whatever is cut off, nothing is stored and nothing behind the end is read.
 TEST(StatsReadTest, CutAnywhere) {
   const std::string whole = reply_of(std::string(kRow) + "," + kRow);
