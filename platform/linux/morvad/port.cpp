@@ -27,8 +27,15 @@ constexpr uint64_t kSecondNs = 1000000000;
 
 __extension__ typedef unsigned __int128 Wide;
 
+// base + rate * elapsed / second, rounded down. Whole seconds apart, so that at every real rate the
+// division is one of 64 bits: this is done twice for each port and poll.
 uint64_t grown(uint64_t base, uint64_t rate, uint64_t elapsed_ns) {
-  return base + static_cast<uint64_t>(static_cast<Wide>(rate) * elapsed_ns / kSecondNs);
+  constexpr uint64_t kProductFits = UINT64_MAX / kSecondNs;
+  const uint64_t rest = elapsed_ns % kSecondNs;
+  const uint64_t part = rate <= kProductFits
+                            ? rate * rest / kSecondNs
+                            : static_cast<uint64_t>(static_cast<Wide>(rate) * rest / kSecondNs);
+  return base + rate * (elapsed_ns / kSecondNs) + part;
 }
 
 }  // namespace
