@@ -4,10 +4,13 @@ board file, every message of the protocol and every environment variable, and no
 
 import json
 import re
+import shlex
 
+import jsonschema
 import pytest
 
 from helptext import TOP, commands_of, leaves_of, options_of
+from labkit import Lab
 
 PAGES = TOP / "packaging/man"
 
@@ -104,3 +107,19 @@ def test_every_environment_variable_is_explained(folder, pages):
         read |= set(re.findall(r'"((?:MORVA|QELCTL)_[A-Z_]+)"', text))
     explained = {name for page in pages for line in re.findall(r"^\.It Ev (.*)$", source(page), re.M) for name in line.split(" , ")}
     assert read and read == explained
+
+
+def test_the_board_file_shown_makes_a_switch_and_the_commands_shown_are_good(tmp_path):
+    example = re.search(r"^\.Bd -literal.*?\n(.*?)^\.Ed$", source("qel-board.5"), re.M | re.S).group(1)
+    schema = json.loads((TOP / "platform/linux/boards/board.schema.json").read_text())
+    jsonschema.validate(json.loads(example), schema)
+    board = tmp_path / "board.json"
+    board.write_text(example.replace("one-sw", "office-sw"), encoding="utf-8")
+    commands = re.findall(r"^\.Dl # (qelctl .*)$", source("qelctl.1"), re.M)
+    assert len(commands) == 5
+    with Lab("--board", str(board)) as lab:
+        for command in commands:
+            # Shown, not sent: the one port of this board is not theirs.
+            lab.run(*shlex.split(command.replace("-i eth1", "-i gw0")), "--dry-run")
+        ports = lab.run("qelctl", "-i", "gw0", "--json", "ports").stdout
+        assert [port["name"] for port in json.loads(ports)["ports"]] == ["ge1"]
