@@ -58,7 +58,8 @@ def main():
         ["git", "ls-files", "-co", "--exclude-standard"], check=True, capture_output=True, text=True
     )
     known = {name for name in listing.stdout.splitlines() if os.path.exists(name)}
-    wrong = [fault for file in sorted(known) if file.endswith(".md") for fault in faults(file, known)]
+    documents = sorted(name for name in known if name.endswith(".md"))
+    wrong = [fault for file in documents for fault in faults(file, known)]
     print("".join(fault + "\n" for fault in wrong), end="")
     return 1 if wrong else 0
 

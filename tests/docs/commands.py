@@ -21,14 +21,17 @@ import subprocess
 from helptext import TOP
 
 BLOCK = re.compile(
-    r"^(?:<!-- (?P<how>(?:not )?run(?:(?!-->).)*?) -->\n)?```(?P<kind>sh|console)\n(?P<text>.*?)^```$",
+    r"^(?:<!-- (?P<how>(?:not )?run(?:(?!-->).)*?) -->\n)?"
+    r"```(?P<kind>sh|console)\n(?P<text>.*?)^```$",
     re.MULTILINE | re.DOTALL,
 )
 LAB, SWITCH, MACHINE = "run in the lab", "run on the switch", "run on this machine"
 NETWORK = "run in a network of its own, after: "
 NOWHERE = "not run"
 # What would change the machine that runs the tests; see Block.
-DANGEROUS = re.compile(r"\b(apt|apt-get|dpkg|systemctl|adduser|install -|rm|setcap|script/(?!demo|lab\b))")
+DANGEROUS = re.compile(
+    r"\b(apt|apt-get|dpkg|systemctl|adduser|install -|rm|setcap|script/(?!demo|lab\b))"
+)
 
 
 class Block:
@@ -50,7 +53,7 @@ class Block:
         assert self.place in (LAB, SWITCH, MACHINE, NETWORK, NOWHERE), f"{self}: run where? {how!r}"
         assert self.place != NOWHERE or len(self.reason) > 15, f"{self}: why not?"
         # Outside of a lab, and in it too: its root is root of the file system.
-        assert not DANGEROUS.search(self.script), f"{self}: not on the machine that tests: {self.script}"
+        assert not DANGEROUS.search(self.script), f"{self}: not on the machine that tests"
 
     def __repr__(self):
         return f"{self.document}:{self.line}"
@@ -61,14 +64,15 @@ class Block:
         if self.place == NOWHERE:
             return ""
         lines = self.text.rstrip("\n").split("\n")
-        return "\n".join(line for line in lines if not (self.left_out and line.startswith(self.left_out)))
+        if self.left_out:
+            lines = [line for line in lines if not line.startswith(self.left_out)]
+        return "\n".join(lines)
 
 
 def documents():
-    listing = subprocess.run(
-        ["git", "ls-files", "-co", "--exclude-standard", "*.md"], cwd=TOP, check=True, capture_output=True, text=True
-    )
-    return [name for name in listing.stdout.split() if (TOP / name).exists()]
+    listing = ["git", "ls-files", "-co", "--exclude-standard", "*.md"]
+    names = subprocess.run(listing, cwd=TOP, check=True, capture_output=True, text=True).stdout
+    return [name for name in names.split() if (TOP / name).exists()]
 
 
 def blocks():

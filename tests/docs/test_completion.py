@@ -112,7 +112,8 @@ def test_every_command_is_offered(zsh, family):
 
 @pytest.mark.parametrize("command", ["", *commands_of("qelctl")])
 def test_every_option_is_offered(zsh, command):
-    wanted = {option for option in SHARED | options_of("qelctl", *command.split()) if len(option) > 2}
+    known = SHARED | options_of("qelctl", *command.split())
+    wanted = {option for option in known if len(option) > 2}
     line = f"qelctl {command} --".replace("  ", " ")
     assert bash(line) == wanted
     assert zsh.offered(line) == wanted

@@ -49,8 +49,8 @@ def test_every_command_and_its_options_are_explained(program):
 
 @pytest.mark.parametrize("page", ["qelctl.1", "morvad.8"])
 def test_every_option_of_the_program_is_explained(page):
-    explained = {flag for entry in entries(page) if entry.startswith("Fl ") for flag in flags(entry)}
-    assert explained == options_of(page.split(".")[0])
+    lines = [entry for entry in entries(page) if entry.startswith("Fl ")]
+    assert {flag for entry in lines for flag in flags(entry)} == options_of(page.split(".")[0])
 
 
 def test_morvactl_has_no_options_but_help():
@@ -74,7 +74,7 @@ def test_every_member_of_a_board_file_is_explained():
     schema = json.loads((TOP / "platform/linux/boards/board.schema.json").read_text())
     port = schema["definitions"]["port"]
     members = [*schema["properties"], *port["properties"]]
-    explained = [name for entry in entries("qel-board.5") for name in re.findall(r"[\w$]+", entry[3:])]
+    explained = re.findall(r"[\w$]+", " ".join(entry[3:] for entry in entries("qel-board.5")))
     assert sorted(explained) == sorted(members)
 
 
@@ -82,7 +82,7 @@ def test_every_message_of_the_protocol_is_explained():
     table = (TOP / "qel/qel_cmd.cpp").read_text(encoding="utf-8")
     names = re.findall(r'command_row\{"(\w+)"', table)
     names += re.findall(r'strcmp\(subcmd, "(\w+)"\)', table)
-    explained = [name for entry in entries("qel-protocol.5") for name in re.findall(r"\w+", entry[3:])]
+    explained = re.findall(r"\w+", " ".join(entry[3:] for entry in entries("qel-protocol.5")))
     assert len(names) == 23
     assert set(names) <= set(explained)
 
@@ -105,12 +105,14 @@ def test_every_environment_variable_is_explained(folder, pages):
         text = file.read_text(encoding="utf-8")
         read |= set(re.findall(r'(?:getenv|environment|envname|milliseconds)\("([A-Z_]+)"', text))
         read |= set(re.findall(r'"((?:MORVA|QELCTL)_[A-Z_]+)"', text))
-    explained = {name for page in pages for line in re.findall(r"^\.It Ev (.*)$", source(page), re.M) for name in line.split(" , ")}
+    lines = [line for page in pages for line in entries(page) if line.startswith("Ev ")]
+    explained = {name for line in lines for name in line[3:].split(" , ")}
     assert read and read == explained
 
 
 def test_the_board_file_shown_makes_a_switch_and_the_commands_shown_are_good(tmp_path):
-    example = re.search(r"^\.Bd -literal.*?\n(.*?)^\.Ed$", source("qel-board.5"), re.M | re.S).group(1)
+    literal = re.compile(r"^\.Bd -literal.*?\n(.*?)^\.Ed$", re.MULTILINE | re.DOTALL)
+    example = literal.search(source("qel-board.5")).group(1)
     schema = json.loads((TOP / "platform/linux/boards/board.schema.json").read_text())
     jsonschema.validate(json.loads(example), schema)
     board = tmp_path / "board.json"

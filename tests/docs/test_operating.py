@@ -13,7 +13,7 @@ TEXT = (TOP / "docs/operating.md").read_text(encoding="utf-8")
 
 def rows(heading):
     """The first cells of the tables under a heading."""
-    section = re.search(rf"^## {heading}\n(.*?)(?=^## |\Z)", TEXT, re.MULTILINE | re.DOTALL).group(1)
+    section = TEXT.split(f"\n## {heading}\n")[1].split("\n## ")[0]
     cells = re.findall(r"^\| (`.*?`) \|", section, re.MULTILINE)
     return [code for cell in cells for code in re.findall(r"`([^`]+)`", cell)]
 

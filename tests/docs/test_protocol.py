@@ -26,14 +26,16 @@ def exchange():
         yield examples.Exchange(lab)
 
 
+def name_of(lines):
+    return "".join(re.findall(r'"subcmd":"(\w+)"', lines[0])) or "event"
+
+
 # In the order of the document: later examples build on earlier ones.
-@pytest.mark.parametrize(
-    "lines", examples.blocks(TEXT), ids=lambda lines: "".join(re.findall(r'"subcmd":"(\w+)"', lines[0])) or "event"
-)
+@pytest.mark.parametrize("lines", examples.blocks(TEXT), ids=name_of)
 def test_the_agent_answers_as_the_document_says(exchange, lines):
     for action, expected in examples.steps(lines):
-        came = exchange.do(action, expected)
-        assert list(map(examples.comparable, came)) == list(map(examples.comparable, expected)), action
+        came = [examples.comparable(line) for line in exchange.do(action, expected)]
+        assert came == [examples.comparable(line) for line in expected], action
 
 
 def test_the_frame_is_that_of_a_probe():
@@ -63,12 +65,12 @@ def test_every_message_to_the_switch_has_an_example():
     assert len(known) == 22 and shown == known
 
 
-def test_every_local_event_has_a_row_and_most_an_example():
+def test_every_local_event_has_a_row_and_an_example():
     known = names("qel_ipc.cpp", r'event_row\{"(\w+)"')
-    rows = {name for row in re.findall(r"^\| (`.*?) \|", TEXT, re.MULTILINE) for name in re.findall(r"`(\w+)`", row)}
+    rows = set(re.findall(r"`(\w+)`", " ".join(re.findall(r"^\| (`.*?) \|", TEXT, re.MULTILINE))))
     shown = {name for line in lines_of("wire") for name in re.findall(r'"type":"(\w+)"', line)}
     assert known <= rows
-    assert known - shown <= {"dhcpsnoop_del", "arpsnoop_del", "switch"}
+    assert known <= shown
 
 
 def test_every_message_of_the_switch_has_an_example():
@@ -77,7 +79,8 @@ def test_every_message_of_the_switch_has_an_example():
     written = set()
     for file in (TOP / "qel").glob("*.cpp"):
         source = file.read_text(encoding="utf-8")
-        written |= {name for call in re.findall(builder + r'((?:"\w+"(?:, )?)+)', source) for name in re.findall(r"\w+", call)}
+        calls = re.findall(builder + r'((?:"\w+"(?:, )?)+)', source)
+        written |= set(re.findall(r"\w+", " ".join(calls)))
     assert {"answer", "pong", "sys_info", "ports_link", "config_upload", "firm_download"} <= written
     assert {"joinreq", "upgrade_req"} <= written
     example = "\n".join(lines_of("wire") + lines_of("text unit-test"))

@@ -27,5 +27,6 @@ def test_the_pictures_are_what_is_shown():
     screens = load()
     for name, text in screens.capture().items():
         kept = (screens.FOLDER / f"{name}.svg").read_text(encoding="utf-8")
-        assert words(screens.svg(text, screens.COMMANDS[name])) == words(kept), f"{name}: run script/screens"
+        drawn = screens.svg(text, screens.COMMANDS[name])
+        assert words(drawn) == words(kept), f"{name}: run script/screens"
         assert len(words(kept)) > 5

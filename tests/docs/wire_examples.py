@@ -83,12 +83,13 @@ class Exchange:
         """Everything that the switch has sent up to now. It does one thing after the other, so the
         answer to one more probe comes last."""
         self.ticks += 1
-        probe = {"mac": NAME, "cmd": "probe", "subcmd": "probe", "data": {"ntick": 900000 + self.ticks}}
+        ntick = 900000 + self.ticks
+        probe = {"mac": NAME, "cmd": "probe", "subcmd": "probe", "data": {"ntick": ntick}}
         self.gateway.send(json.dumps(probe).encode())
         frames = []
         while True:
             raw = self.gateway.receive().raw
-            if f'"ntick":{900000 + self.ticks}}}'.encode() in raw:
+            if f'"ntick":{ntick}}}'.encode() in raw:
                 return frames
             frames.append(raw)
 
