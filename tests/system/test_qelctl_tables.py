@@ -126,7 +126,7 @@ TABLES = {
 @pytest.fixture(scope="module")
 def qelctl(tmp_path_factory):
     with Lab("--board", quiet_board(tmp_path_factory.mktemp("board"))) as lab:
-        control = Qelctl(lab)
+        control = Qelctl(lab, "--switch", "0a:1b:2c:3d:4e:10")  # saves looking for others each time
         lab.morvactl("counters", "ge2", "tx_bytes=1234567", "rx_bytes=2000", "tx_rate=10", "rx_rate=20")
         neighbours = [
             {"mac": "00:11:22:33:44:55", "local_interface": "ge1", "management_address": "192.168.1.20"},
