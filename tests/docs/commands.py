@@ -28,7 +28,7 @@ BLOCK = re.compile(
 LAB, SWITCH, MACHINE = "run in the lab", "run on the switch", "run on this machine"
 NETWORK = "run in a network of its own, after: "
 NOWHERE = "not run"
-# What would change the machine that runs the tests; see Block.
+# What would change the machine that runs the tests.
 DANGEROUS = re.compile(
     r"\b(apt|apt-get|dpkg|systemctl|adduser|install -|rm|setcap|script/(?!demo|lab\b))"
 )
@@ -50,10 +50,16 @@ class Block:
             self.left_out, self.reason = self.reason.split(": ", 1)
         elif how.startswith(NETWORK):
             self.place, self.setup = NETWORK, how.removeprefix(NETWORK)
-        assert self.place in (LAB, SWITCH, MACHINE, NETWORK, NOWHERE), f"{self}: run where? {how!r}"
-        assert self.place != NOWHERE or len(self.reason) > 15, f"{self}: why not?"
+
+    @property
+    def fault(self):
+        """Why it must not be run as it stands; empty: nothing against it."""
+        if self.place not in (LAB, SWITCH, MACHINE, NETWORK, NOWHERE):
+            return "run where? A comment before it has to say; see commands.py"
+        if self.place == NOWHERE and len(self.reason) < 15:
+            return "why not?"
         # Outside of a lab, and in it too: its root is root of the file system.
-        assert not DANGEROUS.search(self.script), f"{self}: not on the machine that tests"
+        return "not on the machine that tests" if DANGEROUS.search(self.script) else ""
 
     def __repr__(self):
         return f"{self.document}:{self.line}"
@@ -75,12 +81,13 @@ def documents():
     return [name for name in names.split() if (TOP / name).exists()]
 
 
+def blocks_of(name, source):
+    return [Block(name, match, source) for match in BLOCK.finditer(source)]
+
+
 def blocks():
-    found = []
-    for name in documents():
-        source = (TOP / name).read_text(encoding="utf-8")
-        found += [Block(name, match, source) for match in BLOCK.finditer(source)]
-    return found
+    texts = ((name, (TOP / name).read_text(encoding="utf-8")) for name in documents())
+    return [block for name, text in texts for block in blocks_of(name, text)]
 
 
 def typed(text):

@@ -8,7 +8,7 @@ import subprocess
 
 import pytest
 
-from commands import LAB, MACHINE, NETWORK, SWITCH, blocks, documents, typed
+from commands import LAB, MACHINE, NETWORK, SWITCH, blocks, blocks_of, documents, typed
 from helptext import TOP
 from labkit import PYTHON, Lab
 
@@ -48,6 +48,7 @@ def type_in(lab, block):
 
 @pytest.mark.parametrize("block", BLOCKS, ids=repr)
 def test_commands_run(block, request, tmp_path):
+    assert not block.fault, f"{block}: {block.fault}"
     if not block.script:
         pytest.skip(block.reason)
     if block.kind == "console":
@@ -85,3 +86,19 @@ def test_scripts_that_are_named_exist(name):
     text = (TOP / name).read_text(encoding="utf-8")
     for script in set(re.findall(r"(?<![\w./-])(script/[a-z-]+)(?![\w/.-])", text)):
         assert os.access(TOP / script, os.X_OK), script
+
+
+@pytest.mark.parametrize(
+    ("text", "fault"),
+    [
+        ("```sh\nqelctl show\n```", "run where?"),
+        ("<!-- run somewhere -->\n```sh\nqelctl show\n```", "run where?"),
+        ("<!-- not run: no -->\n```sh\nqelctl show\n```", "why not?"),
+        ("<!-- run in the lab -->\n```sh\napt purge qel\n```", "not on the machine"),
+        ("<!-- run on this machine -->\n```sh\nscript/test\n```", "not on the machine"),
+        ("<!-- run in the lab -->\n```sh\nqelctl show\n```", ""),
+    ],
+)
+def test_only_what_says_where_and_harms_nothing_is_run(text, fault):
+    [block] = blocks_of("x.md", text)
+    assert block.fault.startswith(fault) and bool(block.fault) == bool(fault)
