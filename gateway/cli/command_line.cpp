@@ -23,8 +23,7 @@ void add_shared_options(CLI::App& app, Options& options) {
       ->type_name("NAME");
   app.add_option("--udp", options.udp, "Talk UDP to this one host instead of Ethernet")
       ->type_name("HOST");
-  app.add_option("-s,--switch", options.selector,
-                 "MAC or name of the switch, or \"all\"; may be left out where there is only one")
+  app.add_option("-s,--switch", options.selector, "MAC or name of a switch, or \"all\"")
       ->envname("QELCTL_SWITCH")
       ->type_name("WHICH");
   app.add_option("-t,--timeout", options.timeout, "Seconds to wait for an answer")
@@ -100,6 +99,7 @@ int run_command_line(int argc, char** argv) {
   Choice choice;
   CLI::App app("Finds, watches and runs the switches on a wire.", "qelctl");
   app.footer(
+      "With one switch on the wire --switch can be left out.\n"
       "Exit status: 0 done, 1 refused or failed, 2 wrong usage, 3 no answer.\n"
       "Example: qelctl -i eth1 discover");
   app.set_version_flag("--version", "qelctl " QELCTL_VERSION);

@@ -115,6 +115,7 @@ class Top {
   void draw() {
     const ScreenSize size = Screen::size();
     drawn_ = size;
+    outdated_ = false;
     last_draw_ = context_.session().now();
     const std::string clock = fmt::format("{:%H:%M:%S}", fmt::localtime(std::time(nullptr)));
     Screen::draw(view_.text(size.columns, size.rows, context_.style().colour, clock));
@@ -146,6 +147,7 @@ class Top {
     } catch (const Error&) {
       view_.silent(index);
     }
+    outdated_ = true;
     // With many switches a screen for each reading would be a flicker nobody can read.
     constexpr Duration kDrawEvery{50};
     if (!quit_ && context_.session().now() - last_draw_ >= kDrawEvery) {
@@ -167,7 +169,9 @@ class Top {
       if (quit_) {
         co_return;
       }
-      draw();
+      if (outdated_) {
+        draw();
+      }
       if (round == arguments_.rounds) {
         co_return;
       }
@@ -184,6 +188,7 @@ class Top {
   TopView view_;
   ScreenSize drawn_;
   TimePoint last_draw_;
+  bool outdated_ = false;  // something was read since
   bool quit_ = false;
 };
 

@@ -136,7 +136,7 @@ void add_show(CLI::App& app, Choice& choice) {
 }
 
 void add_ports(CLI::App& app, Choice& choice) {
-  auto* command = app.add_subcommand("ports", "Show the ports: state, link, PoE, traffic, clients");
+  auto* command = app.add_subcommand("ports", "Show the ports: link, PoE, traffic, clients");
   command->footer(
       "On a narrow terminal the columns that matter least are left out.\n\n"
       "Example:\n  qelctl -i eth1 --switch all ports --json");
