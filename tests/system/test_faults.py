@@ -4,7 +4,7 @@ daemon killed under load, disks, descriptors and memory at their end, interfaces
 gateway, and a neighbour that floods.
 
 QEL_FAULTS=N makes the random and the timed ones N times as long (script/soak does); figures are
-printed, `-s` shows them. What needs a real allocator is left out where the agent has sanitizers.
+printed, `-s` shows them.
 """
 
 import contextlib
@@ -397,9 +397,10 @@ def test_agent_without_a_descriptor_left_answers_again_when_it_has_some(make_lab
     whole = [read(lab.gateway, one) for one in ("ports_conf", "ports_poe")]
     with limited(lab, "qel", nofile=before):
         ask_everything(lab)
-        # The address of the switch cannot be asked for, the rest of the answer can.
-        answer = lab.gateway.probe().json["data"]
-        assert answer["model"] and answer["sys_ip"] == ""
+        # No module can be asked, so there is no priority to tell; the rest of the answer is whole.
+        drain(lab)
+        assert b":[1," not in read(lab.gateway, "ports_poe")[0]
+        assert read(lab.gateway, "ports_conf") == whole[0]
     drain(lab)
     assert lab.gateway.probe().json["data"]["sys_ip"] == "192.168.1.10"
     assert [read(lab.gateway, one) for one in ("ports_conf", "ports_poe")] == whole
@@ -439,21 +440,34 @@ def test_platform_without_a_descriptor_left_answers_again_when_it_has_some(make_
     assert status(lab, "morvad")[0] <= before
 
 
-@pytest.mark.parametrize("spare_kb", [0, 64, 256] if LONGER > 1 else [])
-def test_agent_at_the_end_of_its_memory_answers_again(make_lab, spare_kb):
-    lab = make_lab()
-    text = lab.run("cat", f"/proc/{lab.pid('qel')}/status").stdout
-    size = int(re.search(r"VmSize:\s+(\d+) kB", text)[1])
-    if size > 1_000_000:
-        pytest.skip("an agent with sanitizers ends when memory does")
-    whole = [read(lab.gateway, one) for one in ("ports_conf", "ports_poe", "ports_stats")]
-    with limited(lab, "qel", **{"as": (size + spare_kb) * 1024}):
-        for _ in range(50):
-            ask_everything(lab)
+class TestMemory:
+    """Sanitizers end a program whose memory ends, so the everyday run leaves this to script/soak."""
+
+    __test__ = LONGER > 1
+
+    @pytest.mark.parametrize("spare_kb", [0, 64, 256])
+    def test_agent_at_the_end_of_its_memory_answers_again(self, make_lab, spare_kb):
+        lab = make_lab()
+        text = lab.run("cat", f"/proc/{lab.pid('qel')}/status").stdout
+        size = int(re.search(r"VmSize:\s+(\d+) kB", text)[1])
+        assert size < 1_000_000, "an agent with sanitizers: QEL_BUILD_DIR must name a build without"
+        whole = shape(lab)
+        with limited(lab, "qel", **{"as": (size + spare_kb) * 1024}):
+            for _ in range(50):
+                ask_everything(lab)
+                answered(lab)
+            drain(lab)
+            # There is no memory for what is asked for now, and that is told.
             send_chunk(lab.gateway, "config_download", 0, True, 1 << 30, bytes(CHUNK))
-        answered(lab)
-    drain(lab)
-    assert [read(lab.gateway, one) for one in ("ports_conf", "ports_poe", "ports_stats")] == whole
+            assert lab.gateway.receive().json["data"]["state"] == 0
+        drain(lab)
+        assert shape(lab) == whole
+
+
+def shape(lab):
+    """What three reports say, but for counters that go on."""
+    texts = [read(lab.gateway, one) for one in ("ports_conf", "ports_poe", "ports_stats")]
+    return [without_numbers(text) for report in texts for text in report]
 
 
 # ---- interfaces ---------------------------------------------------------------------------------
