@@ -218,7 +218,10 @@ void run_window(Load& load, const Options& options, Result& result) {
   while (frames < wanted) {
     while (sent < options.count &&
            sent - static_cast<long>(frames / load.frames) < options.window) {
-      send_request(load, 0, static_cast<uint32_t>(++sent));
+      ++sent;
+      for (size_t part = 0; part < load.requests.size(); ++part) {
+        send_request(load, part, static_cast<uint32_t>(sent));
+      }
     }
     if (receive(load, kWaitMs).empty()) {
       result.lost = static_cast<long>((wanted - frames + load.frames - 1) / load.frames);

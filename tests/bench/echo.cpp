@@ -29,6 +29,7 @@ constexpr size_t kTextRead = 1601;      // the private copy of a frame
 
 const char* interface_name;
 uint8_t own_mac[6];
+int kept_socket;
 uint8_t received[kMessageSize];
 uint8_t message_area[kMessageSize];
 volatile unsigned long sink;  // so that no read is optimised away
@@ -80,20 +81,34 @@ void read_what_a_probe_reads() {
   sink = sink + static_cast<unsigned char>(ask_interface(SIOCGIFNETMASK).ifr_netmask.sa_data[2]);
 }
 
-// False when the frame is not for this switch.
-bool do_frame_work(int fd, size_t length, const sockaddr_ll& from, sockaddr_ll& to) {
-  if (interface_index(fd) != from.sll_ifindex) {
-    return false;
+// The same on a socket that was opened before.
+ifreq ask_interface_on(int fd, unsigned long what) {
+  ifreq request = request_for_interface();
+  if (ioctl(fd, what, &request) < 0) {
+    std::perror("interface request");
   }
+  return request;
+}
+
+// False when the frame is not for this switch. The gateway's network is known by the same look-up
+// that the reply address needs, so there is one of the index and one of the MAC address.
+bool do_frame_work(int fd, size_t length, const sockaddr_ll& from, sockaddr_ll& to, EchoKind kind) {
   uint8_t copy[kTextRead] = {};
   std::memcpy(copy, received, std::min(length, kTextRead - 1));
   if (std::memcmp(copy, own_mac, sizeof own_mac) != 0) {
     return false;
   }
   to.sll_ifindex = interface_index(fd);
-  const ifreq hardware = ask_interface(SIOCGIFHWADDR);
+  if (to.sll_ifindex != from.sll_ifindex) {
+    return false;
+  }
+  const bool least = kind == EchoKind::kLeast;
+  const ifreq hardware =
+      least ? ask_interface_on(kept_socket, SIOCGIFHWADDR) : ask_interface(SIOCGIFHWADDR);
   std::memcpy(received + 6, hardware.ifr_hwaddr.sa_data, sizeof own_mac);
-  std::memset(message_area, 0, sizeof message_area);
+  if (!least) {
+    std::memset(message_area, 0, sizeof message_area);
+  }
   sink = sink + message_area[copy[bench::kOffsetText]];
   return true;
 }
@@ -115,7 +130,7 @@ void answer(int fd) {
   to.sll_ifindex = from.sll_ifindex;
   uint8_t gateway[6];
   std::memcpy(gateway, received + 6, sizeof gateway);
-  if (kind != EchoKind::kBare && !do_frame_work(fd, static_cast<size_t>(got), from, to)) {
+  if (kind != EchoKind::kBare && !do_frame_work(fd, static_cast<size_t>(got), from, to, kind)) {
     return;
   }
   if (kind == EchoKind::kProbe) {
@@ -130,6 +145,9 @@ void answer(int fd) {
                sizeof to) < 0) {
       std::perror("sendto");
     }
+  }
+  if (kind == EchoKind::kLimit || kind == EchoKind::kProbe) {
+    std::memset(received, 0, sizeof received);  // for the next frame
   }
 }
 
@@ -146,6 +164,7 @@ int main(int argc, char** argv) {
     std::perror("socket");
     return 1;
   }
+  kept_socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   const ifreq hardware = ask_interface(SIOCGIFHWADDR);
   std::memcpy(own_mac, hardware.ifr_hwaddr.sa_data, sizeof own_mac);
   const int poll = epoll_create1(EPOLL_CLOEXEC);

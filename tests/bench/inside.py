@@ -11,13 +11,15 @@ import json
 import os
 import pathlib
 import shlex
+import socket
+import struct
 import subprocess
 import time
 
 LAB = pathlib.Path(os.environ["LAB_DIR"])
 SWITCH = shlex.split(os.environ["LAB_SWITCH"])
 PEER_INDEX = 1000  # interface number below the first one that the peer reads
-KINDS = {"bare": 0, "limit": 1, "probe": 2}
+KINDS = {"bare": 0, "limit": 1, "probe": 2, "least": 3}
 
 MESSAGES = {
     "probe": ("probe", '{"ntick":@@@@@@@@}'),
@@ -28,7 +30,12 @@ MESSAGES = {
     "ports_stats": ("get", "{}"),
     "ports_client": ("get", "{}"),
 }
+# Requests of a round, as a share of --count: those that cost more are asked less often.
 COUNTS = {"ports_conf": 0.3, "ports_stats": 0.2, "ports_client": 0.2, "snmpd": 0.2}
+WINDOW = 32  # frames of answers that may be on their way at saturation, two requests at least
+FRESH_SECONDS = 3.1  # a little more than snmpd keeps its tables for
+SLOW_MS = (0, 20, 100, 500, 3000)  # of a module; the last is beyond the agent's patience
+TO_SWITCH, TO_GATEWAY = 0x9301, 0x9303
 
 
 def text_of(name):
@@ -48,7 +55,8 @@ class Bench:
         self.qel = self.pid("qel")
         self.morvad = self.pid("morvad")
         self.children = []
-        self.out = {"ports": self.ports, "answers": {}, "cpu_ns": {}, "rtt_ns": {}, "rate": {}}
+        self.out = {"ports": self.ports}
+        self.out |= {key: {} for key in ("answers", "cpu_ns", "rtt_ns", "rate", "idle_ns_per_s")}
 
     def pid(self, name):
         pid = int((LAB / f"{name}.pid").read_text(encoding="ascii"))
@@ -121,6 +129,7 @@ class Bench:
             self.record(name, self.agent(name, pid=[self.qel, self.morvad], **load), both=True)
         load = {"count": self.options.count, "frames": 1}
         self.record("bare:ping", self.echo("bare", "ping", pid=self.echoer, **load))
+        self.record("least:ping", self.echo("least", "ping", pid=self.echoer, **load))
         self.record("probe-limit:probe", self.echo("probe", "probe", pid=self.echoer, **load))
         if self.snmpd:
             count = max(20, int(self.options.count * COUNTS["snmpd"]))
@@ -135,14 +144,32 @@ class Bench:
             self.note("cpu_ns", name + "+morvad", sum(result["cpu_ns"]) / count)
 
     def saturate(self):
-        """Requests a second with the sender on another processor and 32 of them on their way."""
-        for name in ("ping", "probe", "ports_link"):
-            load = {"count": self.options.count * 5, "window": 32, "frames": 1}
-            load["cpu"] = self.other_cpu
-            for contestant, drive in (("limit:", self.echo), ("", self.agent)):
-                arguments = ("limit", name) if contestant else (name,)
-                result = drive(*arguments, **load)
-                self.note("rate", contestant + name, result["count"] / result["wall_ns"] * 1e9)
+        """Requests a second with the sender on another processor and many of them on their way."""
+        for name in MESSAGES:
+            count = max(100, int(self.options.count * 3 * COUNTS.get(name, 1)))
+            frames = self.out["answers"][name]["frames"]
+            window = max(2, WINDOW // frames)
+            load = {"count": count, "window": window, "frames": frames, "cpu": self.other_cpu}
+            self.note_rate("limit:" + name, self.echo("limit", name, **load))
+            self.note_rate(name, self.agent(name, **load))
+        if self.snmpd:
+            count = max(100, int(self.options.count * COUNTS["snmpd"]))
+            frames = self.out["answers"]["snmpd"]["frames"]
+            load = {"count": count, "window": WINDOW // 4, "frames": frames, "cpu": self.other_cpu}
+            self.note_rate("snmpd", self.snmp(**load))
+
+    def note_rate(self, name, result):
+        self.note("rate", name, result["count"] / result["wall_ns"] * 1e9)
+
+    def fresh(self):
+        """What one read costs snmpd when it has not been asked for a while, reloading included."""
+        frames = self.out["answers"]["snmpd"]["frames"]
+        for _ in range(self.options.rounds):
+            before = cpu_ns(self.snmpd)
+            time.sleep(self.options.fresh)
+            self.snmp(count=1, frames=frames)
+            time.sleep(0.01)
+            self.note("cpu_ns", "snmpd fresh", cpu_ns(self.snmpd) - before)
 
     def run(self):
         self.echoer = self.start("qel_bench_echo", "vlanif1")
@@ -159,8 +186,11 @@ class Bench:
         for _ in range(self.options.rounds):
             self.round()
             self.saturate()
+        if self.snmpd:
+            self.fresh()
         self.idle(timer)
         if self.ports == 28:
+            self.slow_modules()
             self.million()
             self.out["end_kb"] = {name: memory(pid) for name, pid in weights.items() if alive(pid)}
             self.first_answers()
@@ -171,11 +201,37 @@ class Bench:
         if self.snmpd:
             pids["snmpd"] = self.snmpd
         seconds = self.options.idle
-        before = {name: cpu_ns(pid) for name, pid in pids.items()}
-        time.sleep(seconds)
-        self.out["idle_ns_per_s"] = {
-            name: (cpu_ns(pid) - before[name]) / seconds for name, pid in pids.items()
-        }
+        for _ in range(self.options.rounds):
+            before = {name: cpu_ns(pid) for name, pid in pids.items()}
+            time.sleep(seconds)
+            for name, pid in pids.items():
+                self.note("idle_ns_per_s", name, (cpu_ns(pid) - before[name]) / seconds)
+
+    def slow_modules(self):
+        """How long a request with a module query, and a ping behind it, take with a slow module."""
+        wire = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(TO_GATEWAY))
+        wire.bind(("gw0", TO_GATEWAY))
+        wire.settimeout(10)
+        addresses = bytes.fromhex(self.mac.replace(":", "")) + wire.getsockname()[4]
+        kept = f"/proc/{self.morvad}/root/run/morva/statistics.sock"
+        os.rename(kept, kept + ".kept")
+        self.out["slow_ms"] = {}
+        for milliseconds in SLOW_MS:
+            reply = '{"ret":0,"data":[]}'
+            place = os.path.abspath(os.path.dirname(__file__)) + "/slow_module.py"
+            command = ("/usr/bin/python3", place, "statistics", str(milliseconds), reply)
+            self.start(*command, stdout=subprocess.PIPE)
+            module = self.children.pop()
+            module.stdout.readline()
+            rounds = [held(wire, addresses) for _ in range(self.options.rounds)]
+            self.out["slow_ms"][milliseconds] = {
+                "ports_stats": [first for first, _ in rounds],
+                "ping behind it": [second for _, second in rounds],
+            }
+            module.kill()
+            module.wait()
+        wire.close()
+        os.rename(kept + ".kept", kept)
 
     def million(self):
         load = {"count": self.options.million // 4, "window": 32, "frames": 1}
@@ -241,6 +297,27 @@ class Bench:
         return self.children[-1].pid
 
 
+def frame(addresses, text):
+    data = text.encode()
+    header = struct.pack("!HHHH12x", TO_SWITCH, 0, 0xBABE, len(data) + 16)
+    return addresses + header + data
+
+
+def held(wire, addresses):
+    """Milliseconds until "ports_stats" and a ping sent right behind it are answered."""
+    wire.send(frame(addresses, text_of("ports_stats")))
+    wire.send(frame(addresses, text_of("ping").replace("@@@@@@@@", "10000000")))
+    began = time.monotonic()
+    first = None
+    while True:
+        reply = wire.recv(65536)
+        now = (time.monotonic() - began) * 1000
+        if b'"ports_stats"' in reply and first is None:
+            first = now
+        if b'"pong"' in reply:
+            return first, now
+
+
 def alive(pid):
     if not pid:
         return False
@@ -286,6 +363,7 @@ def main():
     parser.add_argument("--count", type=int, required=True)
     parser.add_argument("--idle", type=int, required=True)
     parser.add_argument("--million", type=int, required=True)
+    parser.add_argument("--fresh", type=float, default=FRESH_SECONDS)
     bench = Bench(parser.parse_args())
     try:
         bench.run()

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """script/bench: runs the lab once for each board, puts the figures together, and writes them down.
 
-The results go to build/bench/results.json (every round's figure and the medians), to standard
-output as tables, and, unless the run was a quick one, between the markers of docs/performance.md.
+The results go to build/bench/results.json (every round's figure), to standard output as tables, and
+with --write between the markers of docs/performance.md. --from takes the figures of an earlier run.
 """
 
 import argparse
@@ -23,9 +23,9 @@ SUBJECTS = (
     "probe", "ping", "ports_link", "ports_info", "ports_conf", "ports_stats", "ports_client"
 )  # fmt: skip
 BEGIN, END = "<!-- figures: begin -->", "<!-- figures: end -->"
-FULL = {"rounds": 7, "count": 1000, "idle": 30, "million": 1000000}
-QUICK = {"rounds": 2, "count": 200, "idle": 3, "million": 8000}
-TICKS_PER_HOUR = 3600
+FULL = {"rounds": 7, "count": 1000, "idle": 5, "million": 1000000, "fresh": 3.1}
+QUICK = {"rounds": 2, "count": 200, "idle": 2, "million": 8000, "fresh": 0.1}
+SECONDS_PER_HOUR = 3600
 
 
 def measure(board, build, amounts):
@@ -33,6 +33,7 @@ def measure(board, build, amounts):
     file = TOP / f"platform/linux/boards/{board}.json"
     with tempfile.TemporaryDirectory(prefix="qel-bench.") as directory:
         environment = dict(os.environ, LAB_DIR=directory, QEL_BUILD_DIR=str(build))
+        environment["MORVA_QUERY_LOG"] = ""  # the lab's log of queries is no part of the agent's work
         command = [str(TOP / "script/lab"), "--board", str(file), "--", sys.executable]
         command += [str(TOP / "tests/bench/inside.py"), "--board", str(file)]
         command += [part for key, value in amounts.items() for part in (f"--{key}", str(value))]
@@ -50,11 +51,16 @@ def binary_size(build):
         return os.path.getsize(stripped.name)
 
 
-def growth(build):
-    output = subprocess.run(
-        [str(build / "bin/qel_bench_growth")], check=True, stdout=subprocess.PIPE
-    ).stdout
-    return json.loads(output.splitlines()[-1])
+def growth(build, rounds):
+    """One list for each figure, an element for each round."""
+    out = {}
+    for _ in range(rounds):
+        program = [str(build / "bin/qel_bench_growth")]
+        output = subprocess.run(program, check=True, stdout=subprocess.PIPE).stdout
+        for name, figures in json.loads(output.splitlines()[-1]).items():
+            for size, value in figures.items():
+                out.setdefault(name, {}).setdefault(size, []).append(value)
+    return out
 
 
 # --- figures ------------------------------------------------------------------------------------
@@ -69,32 +75,40 @@ def ratio(one, other):
     return statistics.median(a / b for a, b in zip(one, other))
 
 
+def spread(values, digits=1):
+    """Median, least and most."""
+    low, high = min(values), max(values)
+    return f"{middle(values):.{digits}f} ({low:.{digits}f}-{high:.{digits}f})"
+
+
 def us(values, digits=1):
-    """Median and spread of nanoseconds, as microseconds."""
-    low, high = min(values) / 1000, max(values) / 1000
-    return f"{middle(values) / 1000:.{digits}f} ({low:.{digits}f}-{high:.{digits}f})"
+    """The same of nanoseconds, as microseconds."""
+    return spread([value / 1000 for value in values], digits)
 
 
 def cost_table(board):
-    cpu, rtt, answers = board["cpu_ns"], board["rtt_ns"], board["answers"]
+    cpu, rtt, rate, answers = (board[key] for key in ("cpu_ns", "rtt_ns", "rate", "answers"))
     yield ("request", "frames", "bytes", "round trip µs", "agent CPU µs", "with morvad µs",
-           "echo CPU µs", "agent/echo")  # fmt: skip
+           "echo CPU µs", "agent/echo", "requests/s", "echo's")  # fmt: skip
     for name in SUBJECTS:
         limit = cpu["limit:" + name]
         yield (
             name,
             answers[name]["frames"],
             answers[name]["bytes"],
-            f"{middle(rtt[name]) / 1000:.1f}",
+            us(rtt[name]),
             us(cpu[name]),
             us(cpu[name + "+morvad"]),
             us(limit),
-            f"{ratio(cpu[name], limit):.2f}",
+            spread([a / b for a, b in zip(cpu[name], limit)], 2),
+            spread(rate[name], 0),
+            spread(rate["limit:" + name], 0),
         )
     if "snmpd" in cpu:
         answer = answers["snmpd"]
-        yield ("snmpd, 3 columns", answer["frames"], answer["bytes"],
-               f"{middle(rtt['snmpd']) / 1000:.1f}", us(cpu["snmpd"]), "-", "-", "-")  # fmt: skip
+        first = ("snmpd, 3 columns, cached", answer["frames"], answer["bytes"], us(rtt["snmpd"]))
+        yield (*first, us(cpu["snmpd"]), "-", "-", "-", spread(rate["snmpd"], 0), "-")
+        yield ("the same, fresh", *first[1:3], "-", us(cpu["snmpd fresh"]), *["-"] * 5)
 
 
 def targets(result):
@@ -128,7 +142,7 @@ def targets(result):
 
 
 def idle_ratio(board):
-    return board["idle_ns_per_s"]["agent"] / board["idle_ns_per_s"]["timer"]
+    return ratio(board["idle_ns_per_s"]["agent"], board["idle_ns_per_s"]["timer"])
 
 
 def table(rows):
@@ -156,50 +170,61 @@ def report(result):
     for board in result["boards"].values():
         lines += [f"### {board['ports']} ports", ""] + table(cost_table(board)) + [""]
         cpu = board["cpu_ns"]
-        bare, probe = us(cpu["bare:ping"]), us(cpu["probe-limit:probe"])
+        bare, least = us(cpu["bare:ping"]), us(cpu["least:ping"])
         lines += [
-            f"An echo without any work costs {bare} µs; one that also reads what a probe reads, "
-            f"{probe} µs."
+            f"The echo of a ping costs {bare} µs without any work, and {least} µs with the look-ups "
+            f"on a socket that it keeps and no buffer cleared: the agent's ping costs "
+            f"{ratio(cpu['ping'], cpu['least:ping']):.2f} times that. The echo that also reads what "
+            f"a probe reads costs {us(cpu['probe-limit:probe'])} µs.",
+            "",
         ]
-        if "snmpd" in cpu:
-            fresh = middle(cpu["snmpd"]) / 1000 + board["idle_ns_per_s"]["snmpd"] * 3 / 1000
-            lines += [
-                f"snmpd reloads its tables by a timer while it is asked nothing, which costs "
-                f"{board['idle_ns_per_s']['snmpd'] / 1000:.0f} µs a second; a read that has to pay "
-                f"for three seconds of that costs about {fresh:.0f} µs."
-            ]
-        rates = ", ".join(f"{n} {middle(v):.0f}" for n, v in board["rate"].items())
-        lines += [f"Requests a second at saturation: {rates}.", ""]
     return lines + weight_report(result)
 
 
 def weight_report(result):
     board = result["boards"]["ge28"]
-    rows = [("process", "Pss KB at start", "private KB at start", "Pss KB at the end")]
+    rows = [("process", "Pss KB at start", "private KB at start", "Pss KB at the end",
+             "private KB at the end", "CPU of an idle hour, s")]  # fmt: skip
     for name, start in board["start_kb"].items():
-        end = board["end_kb"].get(name, {"pss": "-"})
-        rows.append((name, start["pss"], start["private"], end["pss"]))
+        end = board["end_kb"].get(name, {"pss": "-", "private": "-"})
+        idle = [value * SECONDS_PER_HOUR / 1e9 for value in board["idle_ns_per_s"].get(name, [])]
+        rows.append((name, start["pss"], start["private"], end["pss"], end["private"],
+                     spread(idle, 2) if idle else "-"))  # fmt: skip
     marks = board["million"]["marks"]
-    idle = board["idle_ns_per_s"]
-    hour = ", ".join(f"{n} {v * TICKS_PER_HOUR / 1e9:.2f} s" for n, v in idle.items())
     lines = ["### Weight (28 ports)", ""] + table(rows) + [""]
     pss = ", ".join(str(mark["pss"]) for mark in marks)
     fds = ", ".join(str(mark["descriptors"]) for mark in marks)
     lines += [
         f"After each quarter of {board['million']['requests']} more requests the agent had a Pss "
-        f"of {pss} KB and {fds} descriptors. CPU in an idle hour: {hour}. The stripped program "
-        f"has {result['binary_bytes']} bytes. From exec to the first answered probe: "
-        f"{us(board['first_answer_ns'])} µs.",
-        "",
-        "### Growth",
-        "",
-        "Nanoseconds for one call, in one process on the test platform:",
-        "",
+        f"of {pss} KB and {fds} descriptors. The stripped program has {result['binary_bytes']} "
+        f"bytes. From exec to the first answered probe: {us(board['first_answer_ns'])} µs.",
     ]
+    return lines + [""] + growth_report(result, board)
+
+
+def growth_report(result, board):
+    lines = ["### Growth", "", "Nanoseconds for one call, in one process on the test platform:", ""]
     for name, figures in result["growth"].items():
         unit = "entries" if name == "mac_scan" else "ports"
-        lines += table([(f"{name}, {unit}", *figures), ("ns", *figures.values())]) + [""]
-    return lines
+        cells = [spread(values, 0) for values in figures.values()]
+        lines += table([(f"{name}, {unit}", *figures), ("ns", *cells)]) + [""]
+    boards = result["boards"].values()
+    rows = [("idle tick, ports", *(one["ports"] for one in boards))]
+    rows += [("µs of CPU a second", *(us(one["idle_ns_per_s"]["agent"]) for one in boards))]
+    rows += [("times a bare timer's", *(f"{idle_ratio(one):.2f}" for one in boards))]
+    lines += ["The same tick in the lab, with a processor that has forgotten the agent's memory:", ""]
+    lines += table(rows) + [""]
+    lines += [
+        "A module query holds everything behind it, for two seconds at the most. Milliseconds until "
+        "the answers to a \"ports_stats\" and to a ping sent right behind it, by how long the module "
+        "takes:",
+        "",
+    ]
+    slow = board["slow_ms"]
+    rows = [("module takes, ms", *slow)]
+    for name in ("ports_stats", "ping behind it"):
+        rows.append((name, *(spread(one[name]) for one in slow.values())))
+    return lines + table(rows) + [""]
 
 
 # --- the run ------------------------------------------------------------------------------------
@@ -225,25 +250,36 @@ def write_document(lines):
     file.write_text(f"{head}{BEGIN}{body}{END}{tail}", encoding="utf-8")
 
 
-def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--quick", action="store_true")
-    parser.add_argument("--build", type=pathlib.Path, required=True)
-    options = parser.parse_args()
+def run(options):
     amounts = QUICK if options.quick else FULL
     result = {"date": time.strftime("%Y-%m-%d"), "machine": machine(), "amounts": amounts}
     result["boards"] = {name: measure(name, options.build, amounts) for name in BOARDS}
     result["binary_bytes"] = binary_size(options.build)
-    result["growth"] = growth(options.build)
+    result["growth"] = growth(options.build, amounts["rounds"])
     result["targets"] = [list(row) for row in targets(result)]
     folder = TOP / "build/bench"
     folder.mkdir(parents=True, exist_ok=True)
-    (folder / "results.json").write_text(json.dumps(result, indent=1), encoding="utf-8")
+    file = folder / ("quick.json" if options.quick else "results.json")
+    file.write_text(json.dumps(result, indent=1), encoding="utf-8")
+    shutil.rmtree(TOP / "tests/bench/__pycache__", ignore_errors=True)
+    return json.loads(file.read_text(encoding="utf-8"))
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--quick", action="store_true")
+    parser.add_argument("--write", action="store_true")
+    parser.add_argument("--from", dest="file", type=pathlib.Path)
+    parser.add_argument("--build", type=pathlib.Path, required=True)
+    options = parser.parse_args()
+    if options.file:
+        result = json.loads(options.file.read_text(encoding="utf-8"))
+    else:
+        result = run(options)
     lines = report(result)
     print("\n".join(lines))
-    if not options.quick:
+    if options.write:
         write_document(lines)
-    shutil.rmtree(TOP / "tests/bench/__pycache__", ignore_errors=True)
 
 
 if __name__ == "__main__":

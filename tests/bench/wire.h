@@ -26,6 +26,7 @@ enum class EchoKind : uint8_t {
   kBare,   // receive and send
   kLimit,  // and what every frame asks for: MAC comparison, interface look-ups, cleared buffers
   kProbe,  // and what a probe reads: load, memory, uptime, address and netmask
+  kLeast,  // as kLimit, but on one socket kept for it, and no buffer is cleared
 };
 
 }  // namespace bench

@@ -175,7 +175,7 @@ class Switch:
         environment = dict(os.environ)
         environment["PATH"] = f"/morva/bin:{self.build_dir}/bin:{PATH}"
         environment["MORVA_LOG"] = "stderr"
-        environment["MORVA_QUERY_LOG"] = self._path("queries.jsonl")
+        environment.setdefault("MORVA_QUERY_LOG", self._path("queries.jsonl"))
         self.daemons[name] = os.posix_spawnp(
             "nsenter",
             self.prefix() + [name] + arguments,
