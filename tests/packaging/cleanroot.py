@@ -18,7 +18,8 @@ import time
 FORBIDDEN = "-sys_time,-sys_boot,-sys_module,-sys_rawio,-mknod,-syslog,-wake_alarm"
 PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 
-# $1: the Debian below, $2: a folder to mount on, $3: the folder of the packages.
+# $1: the Debian below, $2: a folder to mount on, $3: the folder of the packages, $4: not empty to
+# boot systemd there, $5: the capabilities that it must not have.
 ENTER = """
 mount -t tmpfs -o mode=755 tmpfs "$2"
 mkdir "$2/upper" "$2/work" "$2/root"
@@ -27,7 +28,13 @@ cd "$2/root"
 mkdir -p packages old
 mount --bind "$3" packages
 mount -t proc proc proc
+mount --bind proc/sys proc/sys
+mount -o remount,bind,ro proc/sys
 mount -t sysfs -o ro sysfs sys
+if [ -n "$4" ]; then
+  mount -t tmpfs -o mode=755 tmpfs sys/fs/cgroup
+  mount -t cgroup2 cgroup2 sys/fs/cgroup
+fi
 mount -t tmpfs -o mode=755 tmpfs run
 mount -t tmpfs -o mode=1777 tmpfs tmp
 mount -t tmpfs -o mode=755 tmpfs dev
@@ -35,12 +42,22 @@ for device in null zero full random urandom tty; do
   touch "dev/$device"
   mount --bind "/dev/$device" "dev/$device"
 done
+mkdir dev/pts dev/shm
+mount -t devpts -o newinstance,ptmxmode=0666 devpts dev/pts
+ln -s pts/ptmx dev/ptmx
 ln -s /proc/self/fd dev/fd
 pivot_root . old
 umount -l /old
 rmdir /old
+if [ -n "$4" ]; then
+  exec env -i container=other PATH=/usr/sbin:/usr/bin:/sbin:/bin \\
+    setpriv --bounding-set="$5" --inh-caps=-all /lib/systemd/systemd
+fi
 exec sleep infinity
 """
+
+# $1: a new control group for what follows; the rest: what follows.
+IN_GROUP = 'mkdir "$1"; echo $$ > "$1/cgroup.procs"; shift; exec "$@"'
 
 
 def run(command, **options):
@@ -79,8 +96,19 @@ def program_of(pid):
     return pathlib.Path(f"/proc/{pid}/comm").read_text(encoding="ascii").strip()
 
 
+def remove_group(folder):
+    """Removes a control group; False while a process is in it."""
+    try:
+        os.rmdir(folder)
+    except FileNotFoundError:
+        pass
+    except OSError:
+        return False
+    return True
+
+
 def make_base(folder, names):
-    """The Debian below, with the packages `names`; made anew when they are others than last time."""
+    """The Debian below, with the packages `names`; made anew when they are not last time's."""
     wanted = ",".join(sorted(names))
     root, note = folder / "root", folder / "names"
     if not note.exists() or note.read_text(encoding="ascii") != wanted:
@@ -96,33 +124,52 @@ def make_base(folder, names):
     return root
 
 
+def group_mount():
+    """Where the second kind of control groups is mounted; systemd needs one for itself."""
+    for line in open("/proc/mounts", encoding="utf-8"):
+        _, place, kind = line.split()[:3]
+        if kind == "cgroup2":
+            return pathlib.Path(place)
+    raise AssertionError("no cgroup2 on this machine: systemd cannot run in a root of its own")
+
+
 class CleanRoot:
-    """The root and the switch's network namespace; `gateway` is a network namespace beside it."""
+    """The root and the switch's network namespace; `gateway` is a network namespace beside it.
 
-    def __init__(self, base, mount_point, packages):
+    With `boot` its first process is systemd, else one that does nothing.
+    """
+
+    def __init__(self, base, mount_point, packages, boot=False):
         self._holders = []
+        self._group = None
         flags = ["--mount", "--pid", "--net", "--uts", "--ipc", "--fork", "--kill-child"]
-        self.pid = self._hold(
-            ["unshare", *flags, "sh", "-euc", ENTER, "sh", base, mount_point, packages], "sleep"
-        )
+        command = ["sh", "-euc", ENTER, "sh", base, mount_point, packages]
+        if boot:
+            self._group = group_mount() / f"qel-clean-root-{os.getpid()}"
+            in_group = ["sh", "-euc", IN_GROUP, "sh", self._group]
+            command = [*in_group, "unshare", "--cgroup", *flags, *command, "boot", FORBIDDEN]
+        else:
+            command = ["unshare", *flags, *command, "", ""]
+        self.pid = self._hold(command, "systemd" if boot else "sleep")
         beside = ["unshare", "--net", "sleep", "infinity"]
-        self.gateway = self._hold([*self._prefix(self.pid), *beside])
+        self.gateway = self._hold([*self._prefix(self.pid), *beside], "sleep")
 
-    def _hold(self, command, until=None):
-        """Starts a process that holds namespaces, and returns its process id."""
+    def _hold(self, command, until):
+        """Starts a process whose child, called `until`, holds namespaces; the child's id."""
         holder = subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL)
         self._holders.append(holder)
 
         def settled():
             assert holder.poll() is None, f"{command[0]} ended: {holder.returncode}"
             pid = child_of(holder.pid)
-            return pid if pid and program_of(pid) == (until or "sleep") else 0
+            return pid if pid and program_of(pid) == until else 0
 
         return poll(settled, 30, "the namespaces are there")
 
     @staticmethod
     def _prefix(pid):
-        return ["nsenter", "--target", str(pid), *("-m", "-p", "-n", "-u", "-i", "-r", "-w"), "--"]
+        namespaces = ("-m", "-p", "-n", "-u", "-i", "-C", "-r", "-w")
+        return ["nsenter", "--target", str(pid), *namespaces, "--"]
 
     def _command(self, words, bounding, beside):
         capabilities = f"{bounding},{FORBIDDEN}" if bounding else FORBIDDEN
@@ -174,3 +221,6 @@ class CleanRoot:
             if pid:
                 os.kill(pid, 9)
             holder.wait()
+        if self._group is not None:
+            folders = [folder for folder, _, _ in os.walk(self._group, topdown=False)]
+            poll(lambda: all(map(remove_group, folders)), 10, f"{self._group} is empty")

@@ -8,27 +8,15 @@ be the machine's), on a bridge "vlanif1" made for the test; the gateway stands i
 """
 
 import os
-import pathlib
 import signal
 
 import cleanroot
 import debs
+import installed
 import pytest
 import unitfile
 
-TOP = pathlib.Path(__file__).resolve().parents[2]
-PACKAGES = pathlib.Path(os.environ.get("QEL_PACKAGES", TOP / "build" / "packages"))
-BASE = pathlib.Path(os.environ.get("QEL_CLEAN_ROOT", TOP / "build" / "clean-root"))
-
-MAC = "0a:1b:2c:3d:4e:88"
 NEXT_VERSION = "1.0.99"
-
-# What is everybody's: the package system's own books, and copies of the user lists.
-BOOKS = (
-    *("/var/lib/dpkg/", "/var/log/", "/var/cache/ldconfig", "/etc/ld.so.cache"),
-    *("/etc/group-", "/etc/gshadow-", "/etc/passwd-", "/etc/shadow-"),
-    *("/etc/subuid-", "/etc/subgid-", "/packages", "/home/"),
-)
 
 
 class Service:
@@ -64,50 +52,10 @@ class Service:
         return str(status) in forced or (status != 0 and self.unit["Restart"] == ["on-failure"])
 
 
-class Installation:
-    """The root, what was in it before, and the services."""
-
-    def __init__(self, root, packages, work):
-        self.root, self.packages, self.work = root, packages, work
-        self.before = root.files()
-        self.services = []
-
-    def added(self):
-        """What is in the root now and was not before, without the books that Debian keeps."""
-        return {
-            path for path in self.root.files() - self.before if not path.startswith(BOOKS)
-        }
-
-    def qelctl(self, *words, user="alice"):
-        """Runs qelctl on the gateway's side as an ordinary user: status and output."""
-        become = ["setpriv", f"--reuid={user}", f"--regid={user}", "--init-groups"]
-        # The shell between: what setpriv itself starts, it starts with root's rights to do so.
-        become += ["sh", "-c", 'exec "$0" "$@"']
-        return self.root.attempt(*become, "qelctl", "-i", "gw0", *words, beside=True)
-
-    def discovered(self):
-        def found():
-            status, output = self.qelctl("discover")
-            return output if status == 0 and MAC in output else ""
-
-        return cleanroot.poll(found, 30, "the switch is discovered")
-
-
-@pytest.fixture(scope="module")
-def installation(tmp_path_factory):
-    assert os.geteuid() == 0, "a clean root takes root"
-    packages = debs.built(PACKAGES)
-    base = cleanroot.make_base(BASE, debs.needed(packages))
-    work = tmp_path_factory.mktemp("packages")
-    (work / "mount").mkdir()
-    (work / "debs").mkdir()
-    for path in packages.values():
-        (work / "debs" / path.name).write_bytes(path.read_bytes())
-    root = cleanroot.CleanRoot(base, work / "mount", work / "debs")
-    try:
-        yield Installation(root, packages, work)
-    finally:
-        root.close()
+@pytest.fixture(name="installation", scope="module")
+def _installation(tmp_path_factory):
+    with installed.clean_installation(tmp_path_factory.mktemp("packages"), boot=False) as made:
+        yield made
 
 
 # ---------------------------------------------------------------------------------------------
@@ -115,8 +63,7 @@ def installation(tmp_path_factory):
 
 
 def test_the_packages_install(installation):
-    files = [f"/packages/{path.name}" for path in installation.packages.values()]
-    output = installation.root.run("dpkg", "--install", *files)
+    output = installation.install()
     assert "no capabilities" not in output
     states = installation.root.run("dpkg-query", "-W", "-f", "${Package} ${Status}\n", *debs.NAMES)
     assert sorted(states.splitlines()) == [
@@ -165,27 +112,16 @@ def test_programs_are_stripped_and_hardened(installation):
 
 
 def test_a_board_file_is_made_from_a_bridge(installation):
-    root = installation.root
-    root.network(f"""
-        link set dev lo up
-        link add name vlanif1 mtu 2000 address {MAC} type bridge stp_state 0 forward_delay 0
-        link add name swp1 mtu 2000 type veth peer name gw0 mtu 2000 netns {root.gateway}
-        link add name swp2 mtu 2000 type veth peer name host2 mtu 2000 netns {root.gateway}
-        link set dev swp1 master vlanif1 up
-        link set dev swp2 master vlanif1 up
-        address add 192.168.1.10/24 dev vlanif1
-        link set dev vlanif1 up
-    """)
-    root.network("link set dev gw0 up\nlink set dev host2 up", beside=True)
-    root.shell("morvactl board --from-bridge vlanif1 > /etc/morva/board.json")
-    board = root.run("cat", "/etc/morva/board.json")
-    assert f'"mac": "{MAC}"' in board
+    installation.lay_cables()
+    installation.make_board()
+    board = installation.root.run("cat", "/etc/morva/board.json")
+    assert f'"mac": "{installed.MAC}"' in board
     assert '"interface": "swp1"' in board and '"interface": "swp2"' in board
 
 
 def test_the_services_start_and_a_member_of_the_group_finds_the_switch(installation):
     root = installation.root
-    root.shell("useradd alice; useradd bob; adduser --quiet alice qelctl")
+    installation.add_users()
     for name in ("morvad", "qel"):
         log = open(installation.work / f"{name}.log", "ab", buffering=0)
         service = Service(root, name, log)
@@ -253,10 +189,7 @@ def test_an_upgrade_keeps_settings_and_rights(installation):
         assert service.stop() == 0
     root.shell("echo MORVA_QUERY_DEADLINE_MS=1500 >> /etc/default/qel")
     board = root.run("cat", "/etc/morva/board.json")
-    for path in installation.packages.values():
-        new = debs.raised(path, NEXT_VERSION, installation.work)
-        (installation.work / "debs" / new.name).write_bytes(new.read_bytes())
-    root.run("dpkg", "--install", *(f"/packages/{name}_{NEXT_VERSION}.deb" for name in debs.NAMES))
+    installation.raise_version(NEXT_VERSION)
     versions = root.run("dpkg-query", "-W", "-f", "${Version}\n", *debs.NAMES)
     assert versions.split() == [NEXT_VERSION] * 3
     assert root.run("tail", "-n", "1", "/etc/default/qel") == "MORVA_QUERY_DEADLINE_MS=1500\n"
