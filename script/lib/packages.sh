@@ -27,3 +27,6 @@ packages_package=(debhelper dpkg-dev fakeroot lintian debootstrap libcap2-bin)
 
 # The peers that script/bench measures the agent against.
 packages_bench=(snmpd lldpd)
+
+# To fuzz, to measure coverage, and to run memcheck.
+packages_prove=(clang libclang-rt-14-dev llvm valgrind)

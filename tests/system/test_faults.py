@@ -236,15 +236,21 @@ def drain(lab):
 # ---- disks --------------------------------------------------------------------------------------
 
 MOUNT = (
-    "mkdir -p /run/keep && rm -rf /run/keep/* && cp -a {0}/. /run/keep && "
-    "mount -t tmpfs -o size={1},mode=777 none {0} && cp -a /run/keep/. {0}"
+    "mkdir -p /run/keep && rm -rf /run/keep/* && cp -a /var/conf/. /run/keep && "
+    "mount -t tmpfs -o size={1},mode=777 none {0}"
 )
+KEEP = " && cp -a /run/keep/. /var/conf"
+
+
+def mount(folder, size):
+    """A disk of that size over the folder; it holds the settings when they belong there."""
+    return MOUNT.format(folder, size) + (KEEP if folder == "/var/conf" else "")
 
 
 @contextlib.contextmanager
 def full(lab, folder):
     """The folder lies on a disk that has no room left."""
-    lab.switch("sh", "-c", MOUNT.format(folder, "64k"))
+    lab.switch("sh", "-c", mount(folder, "64k"))
     lab.switch("sh", "-c", f"cat /dev/zero >{folder}/ballast 2>/dev/null; :")
     try:
         yield
@@ -255,7 +261,7 @@ def full(lab, folder):
 @contextlib.contextmanager
 def read_only(lab, folder):
     """The folder lies on a disk that cannot be written."""
-    lab.switch("sh", "-c", MOUNT.format(folder, "4m") + f" && mount -o remount,ro {folder}")
+    lab.switch("sh", "-c", mount(folder, "4m") + f" && mount -o remount,ro {folder}")
     try:
         yield
     finally:
