@@ -178,6 +178,19 @@ TEST_F(ModuleTest, CountersAreStoredAsTheModuleGivesThem) {
   EXPECT_EQ(port->rx_rate, 4U);
 }
 
+TEST_F(ModuleTest, ReplyOfTheUsualFormIsStoredLikeAnyOther) {
+  EXPECT_THAT(
+      stats(R"({"ret":0,"data":[{"name":"ge2","tx_sum":1,"rx_sum":2,"tx_rate":3,"rx_rate":4},)"
+            R"({"name":"ge9","tx_sum":5,"rx_sum":5,"tx_rate":5,"rx_rate":5},)"
+            R"({"name":"vlanif1","tx_sum":6,"rx_sum":6,"tx_rate":6,"rx_rate":6},)"
+            R"({"name":"ge1","tx_sum":7,"rx_sum":7,"tx_rate":7,"rx_rate":7},)"
+            R"({"name":"ge1","tx_sum":10,"rx_sum":20,"tx_rate":30,"rx_rate":40}]})"),
+      ElementsAre(stats_with(R"("ge1":[10,20,30,40],"ge2":[1,2,3,4])")));
+  EXPECT_THAT(
+      stats(R"({"ret":0,"data":[{"name":"ge2","tx_sum":8,"rx_sum":9,"tx_rate":0,"rx_rate":1}]})"),
+      ElementsAre(stats_with(R"("ge1":[10,20,30,40],"ge2":[8,9,0,1])")));
+}
+
 TEST_F(ModuleTest, OrderOfTheMembersDoesNotMatter) {
   EXPECT_THAT(stats(R"({"x":1,"data":[{"rx_rate":4,"y":[],"tx_sum":1,"name":"ge1","rx_sum":2}]})"),
               ElementsAre(stats_with(R"("ge1":[1,2,0,4],"ge2":[0,0,0,0])")));
