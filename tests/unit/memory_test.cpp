@@ -42,6 +42,7 @@ TEST_F(MemoryTest, AddressThatMemoryCannotHoldIsLearntByTheNextScan) {
   hal_mac_entry entry = {};
   entry.port = 0x01000001;
   entry.type = 2;
+  entry.aging_time = 300;  // without one it would be dropped by the scan that learnt it
   entry.vid = 1;
   fake::add_mac_entry(entry);
   g_calloc_fails = true;
