@@ -154,8 +154,11 @@ int qel_os_unlink(const char* path) {
 }
 
 ssize_t qel_os_write(int fd, const void* data, size_t length) {
-  fake::internal::record("write(%d, %.*s)", fd, static_cast<int>(length),
-                         static_cast<const char*>(data));
+  std::string text;
+  for (const char byte : std::string_view(static_cast<const char*>(data), length)) {
+    text += byte != '\0' ? std::string(1, byte) : "\\0";  // so that a test sees it
+  }
+  fake::internal::record("write(%d, %s)", fd, text.c_str());
   return static_cast<ssize_t>(length);
 }
 

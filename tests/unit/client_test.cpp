@@ -101,6 +101,7 @@ INSTANTIATE_TEST_SUITE_P(
         Kind{"Inside", "xxSwitchxx", 1, "sysdescr[i].sysdescr = Switch \r\n"},
         Kind{"AtTheEnd", "a managed switch", 1, "sysdescr[i].sysdescr = switch \r\n"},
         Kind{"WindowsBeforeSwitch", "switch on Windows", 2, "sysdescr[i].sysdescr = Windows \r\n"},
+        Kind{"WindowsBeforeModel", "J5R Windows", 2, "sysdescr[i].sysdescr = Windows \r\n"},
         Kind{"ModelBeforeSwitch", "Switch J5R", 1, "sysdescr[i].sysdescr = J5R \r\n"},
         Kind{"CapitalBeforeSmall", "switch or Switch", 1, "sysdescr[i].sysdescr = Switch \r\n"},
         Kind{"OtherCase", "WINDOWS windows j5r SWITCH sWitch", 0, ""}, Kind{"Empty", "", 0, ""},

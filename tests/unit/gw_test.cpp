@@ -463,4 +463,13 @@ TEST_F(GatewayTest, StatusIsTracedWithNameAndConfiguredSpeed) {
   EXPECT_THAT(fake::console(), ElementsAre("qel_if_status:38  uif->name ge2 speed_conf=7 \r\n"));
 }
 
+TEST_F(GatewayTest, StatusIsTracedBeforeItIsReported) {
+  probe("a");
+  g_qel_dev.debug = 4;
+  qel_if_status(nullptr, fake::message_if_status("ge2", 1, 7));
+  EXPECT_THAT(fake::console(),
+              ElementsAre("qel_if_status:38  uif->name ge2 speed_conf=7 \r\n",
+                          "qel_gw_trap name[a] buf[" + std::string(kNoClientOnGe2) + "] \n"));
+}
+
 }  // namespace

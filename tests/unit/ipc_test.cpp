@@ -199,7 +199,8 @@ TEST_F(IpcTest, ReadIsRegisteredAgainAfterAnEmptyDatagram) {
 }
 
 TEST_F(IpcTest, TextEndsAtTheReceivedLength) {
-  event(kNeighbour);
+  event(R"({"type":"poe_update","pwroccu":7})");
+  qel_ipc_cmd_handle(R"({"type":"poe_update","pwroccu":1})");
   expect_no_effect(R"({"type":"poe_update")");  // whole only with the end of the one before it
 }
 

@@ -360,6 +360,20 @@ TEST_F(SysInfoTest, AnyOtherResultIsSuccess) {
   EXPECT_THAT(fake::query_texts(), ElementsAre(kAddressGet));
 }
 
+TEST_F(SysInfoTest, AddressIsReadAfterTheModuleAnswered) {
+  fake::on_query([](const fake::Query&) {
+    fake::net("vlanif1").ip = "10.9.8.7";
+    fake::net("vlanif1").mask = "255.0.0.0";
+    fake::set_now(1700000002);
+  });
+  qel_text_area<kQelMessageSize> area;
+  qel_text& text = area.begin();
+  qel_json_sys_info(text, 0);
+  EXPECT_EQ(
+      text.view(),
+      R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"sys_info","data":{"dhcp":0,"sys_ip":"10.9.8.7","sys_mask":8,"timestamp":1700000002}})");
+}
+
 TEST_F(SysInfoTest, LeavesTheCountdownAlone) {
   g_qel_dev.sys_active = 5;
   qel_text_area<kQelMessageSize> area;
