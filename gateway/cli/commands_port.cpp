@@ -179,12 +179,14 @@ void add_port(CLI::App& app, Choice& choice) {
   add_change(*family, "disable", "Disable a port", "Example:\n  qelctl -i eth1 port disable ge3",
              arguments, choice, [](const Arguments& a) { return enable_command(a, false); });
   auto* speed = add_change(*family, "speed", "Set a port's speed",
-                           "AN negotiates. A port without link cannot show whether it took.\n\n"
+                           "AN negotiates. A port without link cannot show whether it took.\n"
+                           "Speeds: AN 10M 10M-H 10M-F 100M 100M-H 100M-F 1G 1G-F 2.5G 5G 10G "
+                           "25G 40G 100G\n\n"
                            "Example:\n  qelctl -i eth1 port speed ge3 100M-F",
                            arguments, choice, speed_command);
   speed->add_option("SPEED", arguments->speed, "AN, 10M, 100M-F, 1G, ...")
       ->required()
-      ->check(CLI::IsMember(speed_names()));
+      ->check(CLI::IsMember(speed_names()).description(""));
   auto* restart = add_change(*family, "restart", "Take a port down and up again",
                              "Example:\n  qelctl -i eth1 port restart ge3 --seconds 5 --wait",
                              arguments, choice, restart_command);
@@ -194,7 +196,7 @@ void add_port(CLI::App& app, Choice& choice) {
   restart->add_flag("--wait", arguments->wait, "Wait until it is up again");
   auto* config = add_change(
       *family, "config", "Set several things of a port at once",
-      "Settings: speed=NAME, and enable, iso, eee, llpp, mstp, lldp, poe with =on or =off.\n\n"
+      "Settings: speed=NAME; enable, iso, eee, llpp, mstp, lldp, poe with =on or =off.\n\n"
       "Example:\n  qelctl -i eth1 port config ge3 poe=off eee=on",
       arguments, choice, config_command);
   config->add_option("SETTING", arguments->settings, "NAME=VALUE ...")->required();

@@ -203,11 +203,11 @@ void add_address(CLI::App& app, Choice& choice) {
 
 void add_time(CLI::App& app, Choice& choice) {
   auto* command = app.add_subcommand("time", "Show or set the clock");
-  command->footer("Example:\n  qelctl -i eth1 --switch all time now");
+  command->footer(
+      "Without TIME the clock is shown. Dates are UTC.\n\n"
+      "Example:\n  qelctl -i eth1 --switch all time now");
   auto word = std::make_shared<std::string>();
-  command->add_option("TIME", *word,
-                      "now, seconds since 1970, or \"YYYY-MM-DD HH:MM:SS\" (UTC); without it the "
-                      "clock is shown");
+  command->add_option("TIME", *word, "now, seconds since 1970, or \"YYYY-MM-DD HH:MM:SS\"");
   command->callback([&choice, word] {
     choice.action = [word](Context& context) {
       if (word->empty()) {
@@ -281,8 +281,8 @@ void add_restart(CLI::App& app, Choice& choice, const char* name, const char* he
 void add_query(CLI::App& app, Choice& choice) {
   auto* command = app.add_subcommand("query", "Ask a module of the switch");
   command->footer(
-      "The reply is shown as it comes. One of more than 1600 bytes, or an empty one, never "
-      "comes.\n\n"
+      "The reply is shown as it comes. One of more than 1600 bytes, or an empty one,\n"
+      "never comes.\n\n"
       "Example:\n  qelctl -i eth1 query statistics port_statistic_qel_get_all\n"
       "  qelctl -i eth1 query mono qel_port_enable_set '{\"port\":\"ge1\",\"enable\":1}'");
   auto arguments = std::make_shared<QueryArguments>();
