@@ -45,6 +45,9 @@ std::vector<Bytes> good_frames() {
       reply(head + R"(ports_client","data":{"ge5":{"client_state":"ON",)"
                    R"("client_mac":"001122334455","client_ip":"1.2.3.4","client_type":"UN"}}})"),
       reply(R"({"ret":0,"data":[{"name":"\u00e4","n":-1.5e3}]})"),
+      build_frame({{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}}, {{0x02, 0, 0, 0, 0, 0x02}},
+                  R"({"mac":"0a1b2c3d4e5f","cmd":"get","subcmd":"ports_client","data":{}})", {},
+                  false),
   };
 }
 
@@ -137,9 +140,15 @@ TEST(Hostile, ChangedFramesDoNoHarm) {
   const auto frames = good_frames();
   Dice dice;
   int readable = 0;
+  int overheard = 0;
+  WatchLog bystander({}, true, {}, [](const Event&) {});
   for (int i = 0; i < kRounds; ++i) {
     Bytes frame = frames[dice.next(static_cast<uint32_t>(frames.size()))];
     mutate(frame, dice);
+    if (const auto request = read_request(frame)) {
+      bystander.overhear(request->destination, request->payload.text, {});
+      ++overheard;
+    }
     auto read = read_frame(frame);
     if (!read) {
       continue;
@@ -153,6 +162,7 @@ TEST(Hostile, ChangedFramesDoNoHarm) {
       }
     }
   }
+  EXPECT_GT(overheard, kRounds / 100);
   EXPECT_GT(readable, kRounds / 100);  // else this looked at nothing
 }
 
