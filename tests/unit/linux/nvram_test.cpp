@@ -272,7 +272,7 @@ bool leave_mounts() {
 
 // Mounts a file system of 16 KB that only the calling process sees.
 bool mount_small_disk(const std::string& folder) {
-  return leave_mounts() && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+  return leave_mounts() && mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0 &&
          mount("none", folder.c_str(), "tmpfs", 0, "size=16k") == 0;
 }
 
@@ -302,7 +302,7 @@ TEST_F(NvramTest, ReadOnlyDiskLeavesTheOldFile) {
       return kNoNamespace;
     }
     write_file(path_, "a=1\n");
-    if (mount("none", at("/var/conf").c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
+    if (mount("none", at("/var/conf").c_str(), "none", MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
       return 2;
     }
     return set("a", "2") == -EROFS && get("a") == "1" ? 0 : 1;
