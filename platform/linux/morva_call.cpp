@@ -143,8 +143,9 @@ long receive_all(int fd, char* data, size_t size, const Deadline& deadline) {
   return -1;
 }
 
-// What a byte of JSON text is for the structure: most are nothing.
-enum byte_kind : uint8_t { kPlain, kEnd, kQuote, kBackslash, kOpens, kCloses };
+// What a byte of JSON text is for the structure: most are nothing. Those from kQuote on also count
+// inside a string.
+enum byte_kind : uint8_t { kPlain, kOpens, kCloses, kQuote, kBackslash, kEnd };
 
 constexpr std::array<uint8_t, 256> make_byte_kinds() {
   std::array<uint8_t, 256> kinds = {};
@@ -164,39 +165,35 @@ uint8_t kind_of(const char* at) {
 
 // The end of a string whose inside begins at `at`: its closing quote, or the text's end.
 const char* string_end(const char* at) {
-  for (;; ++at) {
-    const uint8_t kind = kind_of(at);
-    if (kind == kEnd || kind == kQuote) {
-      return at;
-    }
-    if (kind == kBackslash && at[1] != '\0') {
+  for (;;) {
+    while (kind_of(at) < kQuote) {
       ++at;
     }
+    if (kind_of(at) != kBackslash) {
+      return at;
+    }
+    at += at[1] != '\0' ? 2 : 1;
   }
 }
 
 // True unless brackets or quotes are open at the end: a module that dies in the middle of an answer
 // closes its socket as one does that is done.
-bool text_is_whole(const char* text) {
+bool text_is_whole(const char* at) {
   long depth = 0;
-  for (const char* at = text;; ++at) {
-    switch (kind_of(at)) {
-      case kEnd:
-        return depth <= 0;
-      case kQuote:
-        at = string_end(at + 1);
-        if (*at == '\0') {
-          return false;
-        }
-        break;
-      case kOpens:
-        ++depth;
-        break;
-      case kCloses:
-        --depth;
-        break;
-      default:
-        break;
+  for (;; ++at) {
+    while (kind_of(at) == kPlain) {
+      ++at;
+    }
+    const uint8_t kind = kind_of(at);
+    if (kind == kQuote) {
+      at = string_end(at + 1);
+    } else if (kind == kOpens) {
+      ++depth;
+    } else if (kind == kCloses) {
+      --depth;
+    }
+    if (*at == '\0') {
+      return depth <= 0 && kind == kEnd;
     }
   }
 }
