@@ -33,7 +33,7 @@ void add_shared_options(CLI::App& app, Options& options) {
       ->check(CLI::IsMember({"auto", "always", "never"}).description(""))
       ->type_name("WHEN");
   app.add_flag("--json", options.json, "One JSON object a line, a line for each switch");
-  app.add_flag("-y,--yes", options.yes, "Do not ask before something that interrupts service");
+  app.add_flag("-y,--yes", options.yes, "Do not ask before service is interrupted");
   app.add_flag("-n,--dry-run", options.dry_run, "Show the messages and send none");
 }
 

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """qelctl where something is wrong: with the wire, with the rights, with the switches, with the words."""
 
+import contextlib
 import io
 import json
 import os
@@ -116,6 +117,13 @@ class Impostor:
             f'"sw_version":"s","active":1,"sys_active":0,"cpu":1,"mem":1,"ntick":{tick}}}}}'
         )
         self.send(to, text.encode())
+
+    def forget(self):
+        """Drops what came in so far."""
+        self.socket.setblocking(False)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                self.socket.recv(2000)
 
     def serve(self, probes, act):
         """Calls act(sender, tick) for each of so many probes."""
@@ -236,6 +244,39 @@ def test_a_switch_that_answers_the_probe_and_dies(qelctl, tmp_path, command):
     assert DYING[command] in out + err
     assert f"ghost ({STRANGER}): " in out + err
     assert os.listdir(folder) == []
+
+
+def test_of_several_switches_each_is_told_the_truth(make_lab, tmp_path):
+    """Three that work and one that dies: three are done, one is not, and the status says so."""
+    lab = make_lab("--switches", "3")
+    other = Impostor(lab, bytes.fromhex("0a1b2c3d4e99"))
+    macs = ["0a:1b:2c:3d:4e:5f", "0a:1b:2c:3d:4e:60", "0a:1b:2c:3d:4e:61", STRANGER]
+    folder = tmp_path / "folder"
+    folder.mkdir()
+
+    def told(*words):
+        (tmp_path / "status").unlink(missing_ok=True)
+        other.forget()
+        arguments = ["-i", "gw0", "-s", "all", "--yes", "--json", "--timeout", "1", *words]
+        result = beside(lab, tmp_path, *arguments)
+        other.serve(1, lambda to, tick: other.answer(to, tick, "ghost"))
+        status, out, _ = result()
+        lines = [json.loads(line) for line in out.splitlines()]
+        assert [line["mac"] for line in lines] == macs
+        return status, lines
+
+    with other.socket:
+        status, lines = told("ports")
+        assert status == 3
+        assert [len(line.get("ports", [])) for line in lines] == [28, 28, 28, 0]
+        assert lines[3] == {"mac": STRANGER, "name": "ghost", "error": SILENT_PORTS}
+        status, lines = told("port", "disable", "ge2")
+        assert status == 3
+        assert [line.get("result") for line in lines] == ["took"] * 3 + [None]
+        status, lines = told("backup", str(folder))
+        assert status == 3
+        assert [line["status"] for line in lines] == ["done"] * 3 + ["no answer"]
+    assert sorted(os.listdir(folder)) == [f"{mac.replace(':', '')}.tar.gz" for mac in macs[:3]]
 
 
 def test_top_shows_that_a_switch_died(qelctl):
@@ -421,13 +462,60 @@ def test_wrong_usage_ends_with_2(qelctl, arguments):
     assert result.stdout == "" and result.stderr
 
 
+LEAVES = [
+    "port enable", "port disable", "port speed", "port restart", "port config", "firmware push", "firmware pull"
+]  # fmt: skip
+
+
+def test_wrong_usage_says_what_is_right(qelctl):
+    for arguments, said in {
+        (): 'qelctl needs a command: discover show ports stats poe clients port watch top ip time name active reboot '
+        'reset query backup restore firmware\n"qelctl --help" says more\n',
+        ("port",): 'qelctl port needs a command: enable disable speed restart config\n"qelctl port --help" says more\n',
+        ("firmware",): 'qelctl firmware needs a command: push pull\n"qelctl firmware --help" says more\n',
+        ("frob",): 'qelctl: The following argument was not expected: frob\n"qelctl --help" says more\n',
+        ("port", "speed", "ge1", "7G"): "qelctl: SPEED: 7G not in {AN,10M,10M-H,10M-F,100M,100M-H,100M-F,1G,1G-F,2.5G,"
+        '5G,10G,25G,40G,100G}\n"qelctl --help" says more\n',
+        ("query", "poe", "x", "{"): "qelctl: DATA: no JSON from byte 2 on\n",
+    }.items():
+        assert qelctl(*arguments, status=2).stderr == said
+
+
+HELP = """\
+Finds, watches and runs the switches on a wire.
+Usage: qelctl [OPTIONS] [SUBCOMMAND]
+
+Options:
+  -h,--help                   Print this help message and exit
+  --version                   Display program version information and exit
+  -i,--interface NAME (Env:QELCTL_INTERFACE)
+                              Network interface on the switches' wire
+  --udp HOST                  Talk UDP to this one host instead of Ethernet
+  -s,--switch WHICH (Env:QELCTL_SWITCH)
+                              MAC or name of a switch, or "all"
+  -t,--timeout SECONDS        Seconds to wait for an answer
+  --color WHEN                Colours: auto, always, never
+  --json                      One JSON object a line, a line for each switch
+  -y,--yes                    Do not ask before service is interrupted
+  -n,--dry-run                Show the messages and send none
+"""
+
+
+def test_the_help_fits_a_terminal_and_points_to_the_shared_options(qelctl):
+    text = qelctl("--help").stdout
+    assert text.startswith(HELP)
+    assert max(map(len, text.splitlines())) <= 80
+    assert qelctl("port", "speed", "--help").stdout.rstrip().endswith("Options of all commands: qelctl --help")
+
+
 COMMANDS = re.findall(r'^_qelctl_commands="(.*)"$', (TOP / "gateway/completion/qelctl.bash").read_text(), re.M)[0]
 
 
-@pytest.mark.parametrize("command", COMMANDS.split() + ["port restart", "firmware push"])
+@pytest.mark.parametrize("command", COMMANDS.split() + LEAVES)
 def test_every_command_has_help_with_an_example(qelctl, command):
     text = qelctl(*command.split(), "--help").stdout
     assert "Example:\n  qelctl " in text
+    assert max(map(len, text.splitlines())) <= 80
 
 
 def test_the_completion_knows_every_command_and_option(qelctl):
