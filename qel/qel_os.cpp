@@ -124,8 +124,9 @@ std::FILE* qel_os_fopen(const char* path, const char* mode) {
   if (length + 2 > sizeof with_cloexec) {
     return nullptr;
   }
-  std::memcpy(with_cloexec, mode, length);
+  std::memcpy(with_cloexec, mode, length + 1);
   with_cloexec[length] = 'e';
+  with_cloexec[length + 1] = '\0';
   return std::fopen(path, with_cloexec);
 }
 

@@ -28,20 +28,19 @@ bool in_callback = false;
 registration* running = nullptr;  // the reader whose callback runs, unless that took it out
 bool wanted_again = false;        // it has registered itself once more
 
-void run(registration* entry) {
-  thread record = {entry->master, entry->arg, entry->fd};
-  const thread_func func = entry->func;
-  if (entry->watch == nullptr) {
-    free(entry);
-  }
+void run(const registration& entry) {
+  thread record = {entry.master, entry.arg, entry.fd};
   in_callback = true;
   ++turns;
-  func(&record);
+  entry.func(&record);
   in_callback = false;
 }
 
 void run_timer(evutil_socket_t /*fd*/, short /*events*/, void* opaque) {
-  run(static_cast<registration*>(opaque));
+  auto* entry = static_cast<registration*>(opaque);
+  const registration copy = *entry;
+  free(entry);
+  run(copy);
 }
 
 void release(registration* entry) {
@@ -53,7 +52,7 @@ void run_reader(evutil_socket_t /*fd*/, short /*events*/, void* opaque) {
   auto* entry = static_cast<registration*>(opaque);
   running = entry;
   wanted_again = false;
-  run(entry);
+  run(*entry);
   if (running != nullptr && !wanted_again) {
     release(entry);
   }
