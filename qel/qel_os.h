@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The agent's one door to the operating system: sockets, interface requests, files, clock and the
-// shell. Each function is the system call of like name and nothing more, so that the modules keep
-// the decisions and unit tests can put a machine of their own behind the same declarations.
+// shell. Each function is the system call of like name and, but for what its comment says, nothing
+// more, so that the modules keep the decisions and unit tests can put a machine of their own behind
+// the same declarations.
 #pragma once
 
 #include <net/if.h>
@@ -13,7 +14,9 @@
 #include <cstdint>
 #include <cstdio>
 
-// socket(2), close-on-exec. Returns the descriptor, or -1 with errno set.
+// socket(2), close-on-exec. Returns the descriptor, or -1 with errno set. A socket that interfaces
+// are asked through (one opened, asked and closed with each frame) may be one that was kept when it
+// was closed: whoever opens it cannot tell.
 int qel_os_socket(int domain, int type, int protocol);
 
 // setsockopt(2) of an integer option. Returns 0, or -1 with errno set.
@@ -22,8 +25,8 @@ int qel_os_setsockopt(int fd, int level, int option, int value);
 // bind(2). Returns 0, or -1 with errno set.
 int qel_os_bind(int fd, const struct sockaddr* address, socklen_t length);
 
-// accept(2), close-on-exec and non-blocking. `address`/`length` as accept(2). Descriptor, or -1. With
-// no descriptor left (EMFILE, ENFILE) the caller that waited has been turned away.
+// accept(2), close-on-exec and non-blocking. `address`/`length` as accept(2). Descriptor, or -1.
+// With no descriptor left (EMFILE, ENFILE) the caller that waited has been turned away.
 int qel_os_accept(int fd, struct sockaddr* address, socklen_t* length);
 
 // recvfrom(2) that does not wait; `address` may be null (then `length` is too). Bytes, or -1.
