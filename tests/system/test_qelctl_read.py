@@ -181,7 +181,7 @@ def test_a_port_that_is_off_and_one_that_restarts_are_told_apart(qelctl):
         assert "│ge7 ×│" in text and "│ge8 ↻│" in text
     finally:
         qelctl("port", "enable", "ge7")
-        qelctl("port", "restart", "ge8", "--seconds", "1", "--wait")
+        qelctl("port", "restart", "ge8", "--seconds", "2", "--wait")
 
 
 def test_a_module_is_queried(qelctl):

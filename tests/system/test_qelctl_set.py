@@ -89,7 +89,7 @@ def test_the_way_to_the_switch_is_not_cut_unasked(qelctl):
     result = qelctl("port", "restart", "ge4", status=2)
     assert "is reached through its port ge4. Take it down?" in result.stderr
     assert "--yes" in result.stderr
-    assert "took" in qelctl("--yes", "port", "restart", "ge4", "--seconds", "1", "--wait").stdout
+    assert "took" in qelctl("--yes", "port", "restart", "ge4", "--seconds", "2", "--wait").stdout
 
 
 def test_the_address_is_changed(qelctl):
