@@ -20,7 +20,10 @@ int64_t to_int64(double number) {
 
 bool put_plain(qel_text& out, const char* text) {
   constexpr unsigned char kFirstPrintable = 0x20;
-  const std::string_view view(text != nullptr ? text : "\"");
+  if (text == nullptr) {
+    return false;
+  }
+  const std::string_view view(text);
   for (const char c : view) {
     if (static_cast<unsigned char>(c) < kFirstPrintable || c == '"' || c == '\\') {
       return false;
