@@ -19,10 +19,20 @@ CHUNK = 1024
 # ---- the gateway's side of the transfers, byte by byte -----------------------------------------
 
 
+def answer_to(gateway, subcmd, seconds=5.0):
+    """The next message named `subcmd`; that a port changed may be told before it, unasked."""
+    while True:
+        answer = gateway.receive(seconds)
+        told = answer.json["subcmd"]
+        if told == subcmd:
+            return answer
+        assert told == "ports_client", answer
+
+
 def ask_chunk(gateway, index):
     """The header and the bytes of one chunk of the switch's configuration."""
     gateway.command("set", "config_upload", {"index": index})
-    answer = gateway.receive(20.0)
+    answer = answer_to(gateway, "config_upload", 20.0)
     text, _, rest = answer.text.partition(b"\0")
     data = json.loads(text)["data"]
     assert answer.length == len(text) + 17
@@ -46,14 +56,6 @@ def send_chunk(gateway, subcmd, index, more, total, part, crc=0, length=None):
     data["length"] = len(part) if length is None else length
     text = message("update", subcmd, data)
     gateway.send(text + b"\0" + part, length=len(text) + 17)
-
-
-def answer_to(gateway, subcmd, seconds=5.0):
-    """The next message in answer to `subcmd`: a change of a port may be told in between."""
-    while True:
-        answer = gateway.receive(seconds)
-        if subcmd == "ports_link" or answer.json["subcmd"] != "ports_link":
-            return answer
 
 
 def push(gateway, subcmd, image, chunk=CHUNK):
@@ -123,13 +125,17 @@ def answers_again(lab):
 
 
 def reports(gateway):
-    """What every port report says now, by subcommand."""
+    """What every port report says now, by what was asked for."""
+    asked = {
+        "ports_info": ["ports_info", "ports_pos"],
+        "ports_conf": ["ports_conf", "ports_conf"],  # 28 ports are two pages
+        "ports_poe": ["ports_poe_conf"],
+        "ports_link": ["ports_link"],
+    }
     result = {}
-    for subcmd, messages in (("ports_info", 2), ("ports_conf", 2), ("ports_poe", 1)):
+    for subcmd, messages in asked.items():
         gateway.command("get", subcmd, {})
-        result[subcmd] = [answer_to(gateway, subcmd).text for _ in range(messages)]
-    gateway.command("get", "ports_link", {})
-    result["ports_link"] = [answer_to(gateway, "ports_link").text]
+        result[subcmd] = [answer_to(gateway, name).text for name in messages]
     return result
 
 
@@ -207,7 +213,7 @@ def test_disk_that_fills_up_abandons_the_download_and_keeps_the_files(make_lab):
     for index in range(64):
         part = image[:CHUNK]
         send_chunk(lab.gateway, "config_download", index, True, len(image), part)
-        states.append(lab.gateway.receive().json["data"]["state"])
+        states.append(answer_to(lab.gateway, "config_download").json["data"]["state"])
         if states[-1] == 0:
             break
     assert states[0] == 2 and states[-1] == 0
@@ -221,7 +227,7 @@ def test_gateway_that_goes_away_in_the_middle_leaves_the_files_alone(make_lab):
     lab = make_lab()
     files = conf_files(lab)
     send_chunk(lab.gateway, "config_download", 0, True, 3000, b"x" * CHUNK)
-    assert lab.gateway.receive().json["data"]["state"] == 2
+    assert answer_to(lab.gateway, "config_download").json["data"]["state"] == 2
     lab.gateway.probe()
     assert conf_files(lab) == files
 
@@ -355,5 +361,5 @@ def push_until_last(gateway, image):
     for index in range(count):
         part = image[index * CHUNK : (index + 1) * CHUNK]
         send_chunk(gateway, "firm_download", index, index + 1 < count, len(image), part)
-        answer = gateway.receive(20.0).json["data"]
+        answer = answer_to(gateway, "firm_download", 20.0).json["data"]
     return answer
