@@ -7,6 +7,7 @@ Figures that a test expects come from ip(8) and bridge(8), which ask the kernel 
 import json
 import pathlib
 import shlex
+import time
 
 from labkit import BOARDS, Lab, wait_until
 
@@ -61,11 +62,18 @@ class KernelLab(Lab):
         return {row["name"]: row for row in state["ports"]}[name]
 
     def report(self, subcmd, name, seconds=5.0):
-        """The row of port `name` in the gateway's report `subcmd`, which begins to come within
-        `seconds`: after a storm of changes the switch has those to work through first."""
+        """The row of port `name` in the gateway's report `subcmd`. After a storm of changes the
+        switch has those to work through first, and our own socket may have been too full for the
+        answer: with nothing more to read, the question is asked again."""
+        deadline = time.monotonic() + seconds
         self.gateway.command("get", subcmd, destination=SWITCH)
         while True:
-            text = self.gateway.receive(seconds).json
+            try:
+                text = self.gateway.receive(1.0).json
+            except AssertionError:
+                assert time.monotonic() < deadline, f"no {subcmd} within {seconds:g} s"
+                self.gateway.command("get", subcmd, destination=SWITCH)
+                continue
             row = text.get("data", {}).get(name) if text.get("subcmd") == subcmd else None
             if row is not None:
                 self.gateway.probe(destination=SWITCH)  # what else was under way is of no interest
