@@ -4,7 +4,6 @@
 #include <array>
 #include <cstddef>
 #include <cstring>
-#include <string_view>
 
 namespace {
 
@@ -23,13 +22,16 @@ bool is_plain(char c) {
 // Reads a text from its beginning; every step either takes what it expects or fails.
 class scanner {
  public:
-  explicit scanner(const char* text) : at_(text) {}
+  explicit scanner(const char* text) : at_(text), end_(text + std::strlen(text)) {}
 
-  bool take(std::string_view expected) {
-    if (std::strncmp(at_, expected.data(), expected.size()) != 0) {
+  // Of a length that the compiler knows: it then compares words, without a call.
+  template <size_t Size>
+  bool take(const char (&expected)[Size]) {
+    constexpr size_t length = Size - 1;
+    if (static_cast<size_t>(end_ - at_) < length || std::memcmp(at_, expected, length) != 0) {
       return false;
     }
-    at_ += expected.size();
+    at_ += length;
     return true;
   }
 
@@ -60,10 +62,11 @@ class scanner {
     return true;
   }
 
-  [[nodiscard]] bool at_end() const { return *at_ == '\0'; }
+  [[nodiscard]] bool at_end() const { return at_ == end_; }
 
  private:
   const char* at_;
+  const char* end_;
 };
 
 bool take_row(scanner& text, qel_stats_row& row) {

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The event loop of platform/loop.h on libevent. A timer is an event_base_once(). A reader is an
-// event that stays in the kernel's set while its callback runs: most callbacks register themselves
-// again, which then costs no system call. One that does not is taken out when it returns.
+// The event loop of platform/loop.h on libevent. A registration outlives its callback, which mostly
+// registers itself again: a reader then stays in the kernel's set, which costs no system call, and
+// a timer is set again without memory being given back and asked for. One that was not registered
+// again is gone when the callback returns.
 #include "platform/loop.h"
 
 #include <event2/event.h>
@@ -19,13 +20,13 @@ struct registration {
   thread_func func;
   void* arg;
   const char* name;
-  int fd;        // -1: a timer
-  event* watch;  // of a reader; null: a timer
+  int fd;  // -1: a timer
+  event* watch;
 };
 
 unsigned long turns = 0;
 bool in_callback = false;
-registration* running = nullptr;  // the reader whose callback runs, unless that took it out
+registration* running = nullptr;  // the one whose callback runs, unless that took it out
 bool wanted_again = false;        // it has registered itself once more
 
 void run(const registration& entry) {
@@ -36,19 +37,12 @@ void run(const registration& entry) {
   in_callback = false;
 }
 
-void run_timer(evutil_socket_t /*fd*/, short /*events*/, void* opaque) {
-  auto* entry = static_cast<registration*>(opaque);
-  const registration copy = *entry;
-  free(entry);
-  run(copy);
-}
-
 void release(registration* entry) {
   event_free(entry->watch);  // out of the kernel's set, unless the descriptor is closed already
   free(entry);
 }
 
-void run_reader(evutil_socket_t /*fd*/, short /*events*/, void* opaque) {
+void run_entry(evutil_socket_t /*fd*/, short /*events*/, void* opaque) {
   auto* entry = static_cast<registration*>(opaque);
   running = entry;
   wanted_again = false;
@@ -76,14 +70,23 @@ registration* make(thread_master* master, thread_func func, void* arg, int fd, c
   }
   auto* entry = static_cast<registration*>(malloc(sizeof(registration)));
   if (entry != nullptr) {
-    *entry = {master, func, arg, name, fd, nullptr};
+    const short events = fd >= 0 ? EV_READ | EV_PERSIST : 0;
+    *entry = {master, func, arg, name, fd, event_new(master->base, fd, events, run_entry, entry)};
   }
   return entry;
 }
 
-void* refuse(registration* entry, const char* file, int line) {
+// Begins to wait, for a timer `delay`. Returns the registration, or null without one.
+void* start(registration* entry, const timeval* delay, const char* file, int line) {
+  if (entry->watch != nullptr && event_add(entry->watch, delay) == 0) {
+    return entry;
+  }
   zlog_err("event loop: %s (%s:%d) cannot be registered",
            entry->name != nullptr ? entry->name : "?", file != nullptr ? file : "?", line);
+  if (entry == running) {
+    wanted_again = false;  // it ends with its callback
+    return nullptr;
+  }
   if (entry->watch != nullptr) {
     event_free(entry->watch);
   }
@@ -91,9 +94,10 @@ void* refuse(registration* entry, const char* file, int line) {
   return nullptr;
 }
 
-// What the running callback registers for its own descriptor. True when the registration goes on
-// as it is. Anything but the same reader may be for another file behind the same number, which the
-// kernel's set does not know: the old one is then taken out before the new one comes in.
+// What the running callback registers for its own descriptor, or as a timer in a timer. True when
+// the registration goes on as it is. Anything but the same reader may be for another file behind
+// the same number, which the kernel's set does not know: the old one is then taken out before the
+// new one comes in.
 bool goes_on(const thread_master* master, thread_func func, const void* arg, int fd) {
   if (running == nullptr || running->fd != fd || running->master != master) {
     return false;
@@ -152,23 +156,15 @@ void* funcname_thread_add_read(thread_master* master, thread_func func, void* ar
     return running;
   }
   registration* entry = make(master, func, arg, fd, name);
-  if (entry == nullptr) {
-    return nullptr;
-  }
-  entry->watch = event_new(master->base, fd, EV_READ | EV_PERSIST, run_reader, entry);
-  const bool good = entry->watch != nullptr && event_add(entry->watch, nullptr) == 0;
-  return good ? entry : refuse(entry, file, line);
+  return entry != nullptr ? start(entry, nullptr, file, line) : nullptr;
 }
 
 void* funcname_thread_add_timer(thread_master* master, thread_func func, void* arg, long seconds,
                                 const char* name, const char* file, int line) {
   const timeval delay = {seconds > 0 ? seconds : 0, 0};
-  registration* entry = make(master, func, arg, -1, name);
-  if (entry == nullptr) {
-    return nullptr;
-  }
-  const bool good = event_base_once(master->base, -1, EV_TIMEOUT, run_timer, entry, &delay) == 0;
-  return good ? entry : refuse(entry, file, line);
+  const bool again = goes_on(master, func, arg, -1);
+  registration* entry = again ? running : make(master, func, arg, -1, name);
+  return entry != nullptr ? start(entry, &delay, file, line) : nullptr;
 }
 
 void signal_init(thread_master* master, int count, const loop_signal* signals) {

@@ -12,6 +12,7 @@
 #include <sys/un.h>
 #include <time.h>
 
+#include <algorithm>
 #include <array>
 
 #include "platform/jclient.h"
@@ -28,6 +29,7 @@ constexpr int kStartWaitMs = 10000;
 constexpr int kMaxWaitMs = 600000;
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int kBacklogPollMs = 5;
+constexpr int kWholeAnswerMs = 10;
 
 // The number in an environment variable, or `fallback` when there is none that will do.
 int milliseconds_from(const char* variable, long low, int fallback) {
@@ -54,9 +56,8 @@ class Deadline {
   // Waits for `events` on `fd`. False when the deadline came first.
   bool wait(int fd, short events) const {
     for (;;) {
-      pollfd entry = {fd, events, 0};
       const int left = left_ms();
-      const int ready = poll(&entry, 1, left);
+      const int ready = poll_for(fd, events, left);
       if (ready > 0) {
         return true;
       }
@@ -66,7 +67,17 @@ class Deadline {
     }
   }
 
+  // The same for no longer than `milliseconds`, whatever comes of it.
+  void linger(int fd, short events, int milliseconds) const {
+    poll_for(fd, events, std::min(left_ms(), milliseconds));
+  }
+
  private:
+  static int poll_for(int fd, short events, int milliseconds) {
+    pollfd entry = {fd, events, 0};
+    return poll(&entry, 1, milliseconds);
+  }
+
   int64_t end_;
 };
 
@@ -118,10 +129,10 @@ bool send_all(int fd, const char* data, size_t length, const Deadline& deadline)
 // Reads to the end of the stream. The length, or -1 when there are `size` bytes or more, the
 // deadline comes, or the module breaks off.
 long receive_all(int fd, char* data, size_t size, const Deadline& deadline) {
-  // No module answers before it has been given the processor.
-  if (!deadline.wait(fd, POLLIN)) {
-    return -1;
-  }
+  // A module mostly writes its answer in one piece and closes. To be woken for the end alone saves
+  // both of us a switch. It may also write more than the socket holds and wait for us: not for
+  // long.
+  deadline.linger(fd, POLLRDHUP, kWholeAnswerMs);
   size_t total = 0;
   while (total < size) {
     if (deadline.left_ms() == 0) {
