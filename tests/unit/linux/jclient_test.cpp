@@ -145,6 +145,19 @@ TEST_F(JclientTest, LongestReply) {
   EXPECT_EQ(text, reply_.get());
 }
 
+// A socket holds some hundred such pieces, then the module waits for its client.
+TEST_F(JclientTest, LongReplyInPiecesOfAByte) {
+  const std::string text = '"' + std::string(20000, 'x') + '"';
+  FakeModule module("mono", [&](int fd) {
+    EXPECT_EQ(kRequest, module.read_request(fd));
+    for (const char& byte : text) {
+      ASSERT_EQ(1, send(fd, &byte, 1, MSG_NOSIGNAL));
+    }
+  });
+  ASSERT_EQ(0, query());
+  EXPECT_EQ(text, reply_.get());
+}
+
 TEST_F(JclientTest, OneByteTooLong) {
   FakeModule module("mono", "\"" + std::string(65533, 'x') + "\"");
   EXPECT_EQ(-1, query());

@@ -220,6 +220,64 @@ TEST(LoopTest, TimerKeepsItsTime) {
   EXPECT_LT(took_ms, 3000);
 }
 
+int tick(thread* thread) {
+  funcname_thread_add_timer(thread->master, tick, thread->arg, 0, "tick", "loop_test", 1);
+  return record(thread);
+}
+
+TEST(LoopTest, TimerThatSetsItselfAgainKeepsTicking) {
+  thread_master* master = new_loop();
+  Seen seen;
+  seen.leave_after = 100;
+  funcname_thread_add_timer(master, tick, &seen, 0, "tick", "loop_test", 1);
+  thread_main(master);
+  ASSERT_EQ(100U, seen.calls.size());
+  EXPECT_EQ(-1, seen.calls[99].fd);
+}
+
+int ticks_left;
+
+int tick_a_while(thread* thread) {
+  if (--ticks_left > 0) {
+    funcname_thread_add_timer(thread->master, tick_a_while, thread->arg, 0, "tick", "loop_test", 1);
+  }
+  return 0;
+}
+
+TEST(LoopTest, TimerThatStopsIsOver) {
+  thread_master* master = new_loop();
+  ticks_left = 3;
+  funcname_thread_add_timer(master, tick_a_while, nullptr, 0, "tick", "loop_test", 1);
+  Seen late;
+  late.leave_after = 50;  // of a timer that comes round as often
+  funcname_thread_add_timer(master, tick, &late, 0, "tick", "loop_test", 1);
+  thread_main(master);
+  EXPECT_EQ(0, ticks_left);
+}
+
+// Registers itself again twice, and something else before and between.
+int fork_out(thread* thread) {
+  const auto set = [thread](thread_func func) {
+    funcname_thread_add_timer(thread->master, func, thread->arg, 0, "set", "loop_test", 1);
+  };
+  if (static_cast<Seen*>(thread->arg)->calls.empty()) {
+    set(record);
+    set(fork_out);
+    set(record);
+    set(fork_out);
+  }
+  return record(thread);
+}
+
+TEST(LoopTest, TimersSetInATimerAllFire) {
+  thread_master* master = new_loop();
+  Seen seen;
+  seen.leave_after = 5;
+  funcname_thread_add_timer(master, fork_out, &seen, 0, "fork_out", "loop_test", 1);
+  thread_main(master);
+  EXPECT_EQ(5U, seen.calls.size());
+}
+
 thread_master* signal_loop;
 int signals_seen;
 
