@@ -10,6 +10,7 @@
 
 #include "gateway/cli/context.h"
 #include "gateway/cli/interrupt.h"
+#include "gateway/cli/seconds.h"
 
 namespace qel_gateway::cli {
 
@@ -27,7 +28,7 @@ void add_shared_options(CLI::App& app, Options& options) {
       ->envname("QELCTL_SWITCH")
       ->type_name("WHICH");
   app.add_option("-t,--timeout", options.timeout, "Seconds to wait for an answer")
-      ->check(CLI::Range(0.05, 3600.0).description(""))
+      ->check(seconds_range(0.05, 3600))
       ->type_name("SECONDS");
   app.add_option("--color", options.colour, "Colours: auto, always, never")
       ->check(CLI::IsMember({"auto", "always", "never"}).description(""))

@@ -13,6 +13,7 @@
 #include "gateway/cli/context.h"
 #include "gateway/cli/each_switch.h"
 #include "gateway/cli/interrupt.h"
+#include "gateway/cli/seconds.h"
 #include "gateway/cli/terminal.h"
 #include "gateway/cli/top_view.h"
 #include "gateway/cli/watch_log.h"
@@ -219,7 +220,7 @@ void add_live(CLI::App& app, Choice& choice) {
   auto watching = std::make_shared<WatchArguments>();
   watch->add_option("--count", watching->count, "End after so many events")->type_name("N");
   watch->add_option("--for", watching->seconds, "End after so many seconds")
-      ->check(CLI::PositiveNumber)
+      ->check(seconds_range(0.1, 31536000))
       ->type_name("SECONDS");
   watch->callback([&choice, watching] {
     choice.action = [watching](Context& context) { return run_watch(context, *watching); };
@@ -231,7 +232,7 @@ void add_live(CLI::App& app, Choice& choice) {
       "Example:\n  qelctl -i eth1 top --interval 1");
   auto showing = std::make_shared<TopArguments>();
   top->add_option("--interval", showing->interval, "Seconds between two readings (2)")
-      ->check(CLI::Range(0.2, 3600.0))
+      ->check(seconds_range(0.2, 3600))
       ->type_name("SECONDS");
   top->add_option("--rounds", showing->rounds, "End after so many readings")->type_name("N");
   top->callback([&choice, showing] {

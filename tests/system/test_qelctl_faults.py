@@ -455,6 +455,7 @@ def test_a_switch_that_dies_after_the_question(make_lab, tmp_path):
         ["ip", "300.1.1.1/24"], ["ip", "127.0.0.1/8"], ["ip", "10.0.0.1/33"], ["time", "yesterday"],
         ["active", "-1"], ["--timeout", "0", "show"], ["--color", "pink", "show"], ["query", "poe"],
         ["query", "poe", "x", "{not json"], ["-i", "gw0", "--udp", "192.168.1.11", "show"], ["firmware"],
+        ["watch", "--for", "1e300"], ["watch", "--for", "0"], ["watch", "--for", "nan"], ["--timeout", "nan", "show"],
     ],
 )  # fmt: skip
 def test_wrong_usage_ends_with_2(qelctl, arguments):
@@ -477,6 +478,8 @@ def test_wrong_usage_says_what_is_right(qelctl):
         ("port", "speed", "ge1", "7G"): "qelctl: SPEED: 7G not in {AN,10M,10M-H,10M-F,100M,100M-H,100M-F,1G,1G-F,2.5G,"
         '5G,10G,25G,40G,100G}\n"qelctl --help" says more\n',
         ("query", "poe", "x", "{"): "qelctl: DATA: no JSON from byte 2 on\n",
+        ("watch", "--for", "nan"): "qelctl: --for: nan is no number of seconds from 0.1 to 31536000\n"
+        '"qelctl --help" says more\n',
     }.items():
         assert qelctl(*arguments, status=2).stderr == said
 
