@@ -189,12 +189,23 @@ Task<EffectReport> restart_port(Session& session, const Switch& one, std::string
                                 bool until_back, Duration patience) {
   co_await require_port(session, one, port, patience);
   send_set(session, one, port_restart_text(mac_text(one.mac), port, seconds));
+  const TimePoint sent = session.now();
+  std::optional<TimePoint> first_seen;
   bool back = false;
-  const auto judge = [&back](const Port& seen) { return judge_restart(seen, back); };
+  const auto judge = [&](const Port& seen) {
+    first_seen = first_seen.value_or(session.now());
+    return judge_restart(seen, back);
+  };
   const auto look = [&]() {
     return look_at_port(session, one, port, kPortConfig | kPortLink, patience, judge);
   };
   const EffectReport down = co_await look_until(session, patience, look);
+  // The first second ends with the switch's next tick, so it may have none of its length left.
+  const bool too_short = first_seen && *first_seen - sent >= std::chrono::seconds(seconds - 1);
+  if (down.effect == Effect::NotTaken && too_short) {
+    co_return EffectReport{Effect::Unseen,
+                           "sent; the port is enabled, and may have been down before"};
+  }
   if (down.effect != Effect::Took || !until_back) {
     co_return down;
   }

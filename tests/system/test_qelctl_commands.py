@@ -187,7 +187,7 @@ def test_changes_in_json(qelctl):
         "port config ge1 iso=off": {
             "command": "port ge1 config", "detail": "the switch reports it so", "port": "ge1", **took
         },
-        "port restart ge2 --seconds 1 --wait": {
+        "port restart ge2 --seconds 2 --wait": {
             "command": "port ge2 restart", "detail": "enabled again; the link runs at 1000 Mbit/s full duplex",
             "port": "ge2", **took,
         },

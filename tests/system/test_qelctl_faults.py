@@ -152,6 +152,18 @@ def beside(lab, directory, *arguments):
     return result
 
 
+UNREAD = """
+for inode in $(ls -l /proc/$0/fd | sed -n 's/.*socket:.\\([0-9]*\\).*/\\1/p'); do
+  awk -v inode="$inode" '$9 == inode { print $7 }' /proc/net/packet
+done
+"""
+
+
+def wait_until_read(lab, pid):
+    """Returns when the process has taken in every frame that came for it."""
+    wait_until(lambda: lab.run("sh", "-c", UNREAD, pid).stdout.split() == ["0"], "frames to be read")
+
+
 def test_two_switches_of_one_name_are_not_guessed_between(qelctl, tmp_path):
     other = Impostor(qelctl.lab, bytes.fromhex("0a1b2c3d4e99"))
     with other.socket:
@@ -375,8 +387,13 @@ def test_a_signal_in_a_discovery_ends_it_with_what_was_found(qelctl, tmp_path):
     other = Impostor(qelctl.lab, bytes.fromhex("0a1b2c3d4e99"))
 
     def act(to, tick):
+        pid = (tmp_path / "pid").read_text().strip()
         other.answer(to, tick, "ghost")
-        qelctl.lab.run("kill", "-INT", (tmp_path / "pid").read_text().strip())
+        wait_until(lambda: b"ghost" in gateway.receive().text, "the answer to cross the cable")
+        wait_until_read(qelctl.lab, pid)
+        qelctl.lab.run("kill", "-INT", pid)
+
+    gateway = qelctl.lab.gateway  # hears what qelctl hears
 
     with other.socket:
         result = beside(qelctl.lab, tmp_path, "discover", "--timeout", "60")

@@ -146,6 +146,19 @@ TEST_F(SettingsTest, ARestartedPortIsFollowedUntilItIsBack) {
   EXPECT_EQ(back.detail, "enabled again; the link runs at 1000 Mbit/s full duplex");
 }
 
+TEST_F(SettingsTest, ARestartThatWasNotSeenIsOnlyDeniedWhenItHadToBe) {
+  on_set = [](const std::string&) {};  // the port stays as it is
+  const auto restart = [this](int seconds) {
+    return session.run(restart_port(session, office, "ge1", seconds, true, kPatience));
+  };
+  EXPECT_EQ(restart(2).effect, Effect::NotTaken);
+  EXPECT_EQ(restart(2).detail, "the port was not seen to go down");
+  // One that ends with the next second may be over before anybody can look.
+  const EffectReport shortest = restart(1);
+  EXPECT_EQ(shortest.effect, Effect::Unseen);
+  EXPECT_EQ(shortest.detail, "sent; the port is enabled, and may have been down before");
+}
+
 TEST_F(SettingsTest, APortConfigurationSaysWhatWasNotTaken) {
   PortSettings settings;
   settings.switches = {{"eee", true}, {"poe", false}};
