@@ -143,6 +143,17 @@ long qel_os_sysinfo_uptime() {
   return sysinfo(&info) == 0 ? info.uptime : 0;
 }
 
+void qel_os_open_standard_streams() {
+  // The lowest free number comes first: what is taken is passed over by itself.
+  int fd = -1;
+  do {
+    fd = open("/dev/null", O_RDWR);
+  } while (fd >= 0 && fd < kLastStandard);
+  if (fd > kLastStandard) {
+    close(fd);
+  }
+}
+
 int qel_os_daemon() {
   return daemon(0, 0);
 }

@@ -54,6 +54,11 @@ int64_t qel_os_time();
 // Seconds since boot as sysinfo(2) tells them; 0 when it fails.
 long qel_os_sysinfo_uptime();
 
+// Opens /dev/null for each of the descriptors 0, 1 and 2 that is closed. For `main`, before
+// anything else: a socket that got one of these numbers would be written to by whoever prints, and
+// be lost when the process detaches.
+void qel_os_open_standard_streams();
+
 // daemon(3) with both arguments 0. Returns 0, or -1 with errno set.
 int qel_os_daemon();
 

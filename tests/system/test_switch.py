@@ -336,6 +336,39 @@ def test_second_agent_ends_and_the_first_goes_on_undisturbed(make_lab, options):
     assert lab.gateway.receive().json["data"]["ge1"]["client_state"] == "OFF"
 
 
+@pytest.mark.parametrize(
+    ("option", "streams"),
+    [("-d", ""), ("--daemon", ""), ("-d", "<&-"), ("--daemon", "<&- >&- 2>&-")],
+    ids=["short", "long", "no standard input", "no standard streams"],
+)
+def test_agent_as_a_daemon_detaches_and_answers(make_lab, option, streams):
+    lab = make_lab()
+    first = lab.pid("qel")
+    lab.switch("kill", "-TERM", str(first))
+    wait_until(lambda: lab.pid("qel") is None, "the end of the first agent")
+    # Its caller goes on: the program ends, and so does what it would say where it was started.
+    started = lab.switch("sh", "-c", f"exec qel {option} {streams}")
+    assert (started.stdout, started.stderr) == ("", "")
+
+    def in_the_file():
+        text = lab.switch("cat", "/var/run/qel.pid", check=False).stdout
+        return int(text) if re.fullmatch(r"[0-9]+\n", text) and int(text) != first else None
+
+    pid = wait_until(in_the_file, "the daemon's pid file")
+    answers(lab)
+    shown = lab.run("ps", "-o", "pid=,sid=,tty=,comm=", "-C", "qel").stdout
+    (line,) = shown.splitlines()  # the one that was called is gone
+    own, session, terminal, name = line.split()
+    assert (int(own), terminal, name) == (pid, "?", "qel")
+    caller = lab.run("ps", "-o", "sid=", "-p", "1").stdout
+    assert session != caller.strip() and session != "0"
+    assert lab.switch("readlink", f"/proc/{pid}/cwd").stdout == "/\n"
+    ends = [lab.run("readlink", f"/proc/{pid}/fd/{number}").stdout for number in range(3)]
+    assert ends == ["/dev/null\n"] * 3
+    assert "cannot be registered" not in lab.log("syslog")
+    assert probed(lab)["name"] == "office-sw"
+
+
 def test_agent_that_was_killed_makes_room_for_the_next(make_lab):
     lab = make_lab(environment={"LAB_RESPAWN": "1"})
     pid = lab.pid("qel")
