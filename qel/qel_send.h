@@ -17,8 +17,9 @@
 int qel_cmd_send(const qel_link* link, const char* text, size_t length);
 
 // The same without those checks; `tail` other than 0 replaces the frames' length field.
-// For links of kind 1 and 4 only. Messages longer than a frame can hold are not sent, with a
-// console line. Returns 0. Used by the configuration upload.
+// For links of kind 1 and 4 only. Returns 0. Used by the configuration upload. Over Ethernet a
+// message longer than a frame can hold (2048 bytes) is refused with a console line; over UDP the
+// system call decides.
 int qel_cmd_send_tail(const qel_link* link, const char* text, size_t length, uint16_t tail);
 
 // Sends a finished text with qel_cmd_send; `extra` bytes behind it (the closing NUL, say) count.

@@ -199,6 +199,30 @@ TEST_F(EthSendTest, TailBeyondAnyFrameDoesNotOverrun) {
   EXPECT_THAT(fake::sent(), SizeIs(1));
 }
 
+TEST_F(EthSendTest, TailBeyondAnyFrameIsRefusedAloudAndTheLongestThatFitsIsNot) {
+  fake::net("vlanif1").mtu = 9000;  // so that it is not the wire that refuses
+  g_qel_dev.debug = 32;
+  send_tail(pattern(2049), 99);
+  EXPECT_THAT(fake::sent(), IsEmpty());
+  EXPECT_THAT(
+      fake::console(),
+      ElementsAre(MatchesRegex("\\[qel_cmd_send_tail,[0-9]+\\] len\\[2049\\] argc error \n")));
+  fake::clear_records();
+  send_tail(pattern(2048), 99);
+  EXPECT_THAT(fake::sent(), SizeIs(2));
+  EXPECT_THAT(fake::console(),
+              ElementsAre(MatchesRegex("\\[qel_cmd_send_tail,[0-9]+\\] send start \n"),
+                          MatchesRegex("\\[qel_cmd_send_tail,[0-9]+\\] send ok \n")));
+}
+
+// Whatever its length, what goes to no link at all is no error.
+TEST_F(EthSendTest, LongTailWithKindFiveSaysNothingEither) {
+  link_.kind = 5;
+  send_tail(pattern(60000), 20);
+  EXPECT_THAT(fake::sent(), IsEmpty());
+  EXPECT_THAT(fake::console(), IsEmpty());
+}
+
 TEST_F(EthSendTest, MessageThatTheFrameBufferCannotHoldMakesNoFrame) {
   fake::net("vlanif1").mtu = 9000;  // so that it is not the wire that refuses
   const Message message(pattern(2049));

@@ -134,6 +134,28 @@ TEST_F(UdpLinkTest, TailIsSentAsItIs) {
   EXPECT_THAT(fake::sent()[0].bytes, BytesAre(bytes("{}\0ab")));
 }
 
+TEST_F(UdpLinkTest, TailHasNoLimitBelowWhatADatagramHolds) {
+  qel_link link = udp_link();
+  for (const size_t length : {size_t{1601}, size_t{2048}, size_t{2049}, size_t{65507}}) {
+    fake::clear_records();
+    const std::string text(length, 'x');
+    EXPECT_EQ(qel_cmd_send_tail(&link, text.c_str(), text.size(), 99), 0);
+    ASSERT_THAT(fake::sent(), SizeIs(1)) << length;
+    EXPECT_EQ(fake::sent()[0].bytes, text) << length;
+    EXPECT_THAT(fake::console(), IsEmpty()) << length;
+  }
+}
+
+TEST_F(UdpLinkTest, TailThatTheSystemRefusesIsToldByItsError) {
+  qel_link link = udp_link();
+  fake::clear_records();
+  fake::fail_os("sendto", EMSGSIZE);
+  const std::string text(65508, 'x');
+  EXPECT_EQ(stderr_of([&] { qel_cmd_send_tail(&link, text.c_str(), text.size(), 0); }),
+            "sendto(udp): Message too long\n");
+  EXPECT_THAT(fake::console(), IsEmpty());
+}
+
 TEST_F(UdpLinkTest, SendThatFailsIsTold) {
   qel_link link = udp_link();
   fake::fail_os("sendto", ENETUNREACH);
