@@ -32,7 +32,7 @@ void qel_eth_pkt_list_expand() {
 }
 
 void qel_eth_pkt_list_recycle() {
-  g_qel_eth_pkt.recycle(kLifetime);
+  g_qel_eth_pkt.recycle(kLifetime, kSource, __LINE__, __func__);
 }
 
 qel_eth_pkt* qel_eth_pkt_take() {
@@ -46,7 +46,8 @@ qel_eth_pkt* qel_eth_pkt_take() {
 }
 
 qel_eth_pkt* qel_eth_pkt_lookup(uint64_t id) {
-  return g_qel_eth_pkt.find([id](const qel_eth_pkt& record) { return record.id == id; });
+  return g_qel_eth_pkt.find(kSource, __LINE__, __func__,
+                            [id](const qel_eth_pkt& record) { return record.id == id; });
 }
 
 qel_eth_pkt* qel_eth_pkt_lookup_add(uint64_t id, const char* /*text*/, int fragments,
@@ -73,8 +74,8 @@ int qel_eth_pkt_release(uint64_t id) {
 void qel_eth_pkt_show_list() {
   qel_stdout("%s,%d show list g_qel_eth_total=%d \r\n", __func__, __LINE__,
              static_cast<int>(g_qel_eth_total));
-  for (const struct listnode* node = g_qel_eth_pkt.used->head; node != nullptr; node = node->next) {
-    qel_stdout("id= %lld \r\n",
-               static_cast<long long>(static_cast<const qel_eth_pkt*>(node->data)->id));
-  }
+  g_qel_eth_pkt.walk(kSource, __LINE__, __func__, [](const qel_eth_pkt* record) {
+    qel_stdout("id= %lld \r\n", static_cast<long long>(record->id));
+    return true;
+  });
 }

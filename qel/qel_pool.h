@@ -36,17 +36,34 @@ struct qel_pool {
     total += count;
   }
 
+  // Calls visit(record) for each used record in order until it returns false; the record may be
+  // released by it. A node without data is a broken invariant and ends the process, told with
+  // `function` of `file`.
+  template <typename Visit>
+  void walk(const char* file, unsigned line, const char* function, Visit visit) const {
+    for (const struct listnode* node = used->head; node != nullptr;) {
+      auto* record = static_cast<Record*>(node->data);
+      if (record == nullptr) {
+        zlog_assert_failed("(node)->data != ((void *)0)", file, line, function);
+      }
+      node = node->next;
+      if (!visit(record)) {
+        return;
+      }
+    }
+  }
+
   // Frees every used record whose time is `lifetime` seconds or more in the past. One without a
   // time is as old as can be, also on a clock so late that the difference would turn negative.
-  void recycle(int32_t lifetime) {
+  // Walks for `function` of `file`.
+  void recycle(int32_t lifetime, const char* file, unsigned line, const char* function) {
     const auto now = static_cast<uint32_t>(qel_os_time());
-    for (struct listnode* node = used->head; node != nullptr;) {
-      auto* record = static_cast<Record*>(node->data);
-      node = node->next;
+    walk(file, line, function, [this, now, lifetime](Record* record) {
       if (record->time == 0 || static_cast<int32_t>(now - record->time) >= lifetime) {
         release(record);
       }
-    }
+      return true;
+    });
   }
 
   // Takes the first free record and puts it on the used list; null when none is free.
@@ -66,15 +83,14 @@ struct qel_pool {
     listnode_add(free, record);
   }
 
-  // The first used record that `matches`, or null.
+  // The first used record that `matches`, or null. Walks for `function` of `file`.
   template <typename Matches>
-  Record* find(Matches matches) const {
-    for (const struct listnode* node = used->head; node != nullptr; node = node->next) {
-      auto* record = static_cast<Record*>(node->data);
-      if (matches(*record)) {
-        return record;
-      }
-    }
-    return nullptr;
+  Record* find(const char* file, unsigned line, const char* function, Matches matches) const {
+    Record* found = nullptr;
+    walk(file, line, function, [&found, matches](Record* record) {
+      found = matches(*record) ? record : nullptr;
+      return found == nullptr;
+    });
+    return found;
   }
 };

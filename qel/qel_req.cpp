@@ -24,7 +24,7 @@ void qel_req_list_expand() {
 }
 
 void qel_req_recycle_timeout() {
-  g_qel_req.recycle(kLifetime);
+  g_qel_req.recycle(kLifetime, kSource, __LINE__, __func__);
 }
 
 qel_req* qel_req_add(const qel_req_context* context, qel_req_callback callback) {
@@ -43,7 +43,8 @@ qel_req* qel_req_add(const qel_req_context* context, qel_req_callback callback) 
 }
 
 qel_req* qel_req_lookup(uint64_t reqid) {
-  return g_qel_req.find([reqid](const qel_req& record) { return record.reqid == reqid; });
+  return g_qel_req.find(kSource, __LINE__, __func__,
+                        [reqid](const qel_req& record) { return record.reqid == reqid; });
 }
 
 int qel_req_answer(uint64_t reqid, const cJSON* answer) {
@@ -67,8 +68,8 @@ void qel_req_callback_write(const qel_req_context* context, const char* text) {
 
 void qel_req_show_list() {
   qel_stdout("%s,%d show list \r\n", __func__, __LINE__);
-  for (const struct listnode* node = g_qel_req.used->head; node != nullptr; node = node->next) {
-    qel_stdout("id= %lld \r\n",
-               static_cast<long long>(static_cast<const qel_req*>(node->data)->reqid));
-  }
+  g_qel_req.walk(kSource, __LINE__, __func__, [](const qel_req* record) {
+    qel_stdout("id= %lld \r\n", static_cast<long long>(record->reqid));
+    return true;
+  });
 }

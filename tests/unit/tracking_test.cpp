@@ -123,6 +123,17 @@ TEST_F(PacketListDeathTest, NoMemoryForABlockEndsTheProcess) {
       "qel_eth_pkt_list_expand");
 }
 
+TEST_F(PacketListDeathTest, UsedNodeWithoutDataEndsTheProcessInEveryWalk) {
+  const std::string told =
+      R"(assertion failed: \(node\)->data != \(\(void \*\)0\), file qel/qel_eth_pkt, line [0-9]+, )"
+      "function ";
+  add_fresh(1);
+  listnode_add(g_qel_eth_pkt.used, nullptr);
+  EXPECT_DEATH(qel_eth_pkt_list_recycle(), told + "qel_eth_pkt_list_recycle");
+  EXPECT_DEATH(qel_eth_pkt_lookup(2), told + "qel_eth_pkt_lookup");
+  EXPECT_DEATH(qel_eth_pkt_show_list(), told + "qel_eth_pkt_show_list");
+}
+
 TEST_F(PacketListTest, AddedPacketTakesTheHeadOfTheFreeListWithIdMaskAndLink) {
   qel_eth_pkt* const head = unused().front();
   qel_eth_pkt* const record = add(7, 3);
@@ -417,6 +428,17 @@ TEST_F(RequestListDeathTest, NoMemoryForABlockEndsTheProcess) {
         qel_req_list_expand();
       },
       "assertion failed: .*, file qel/qel_req, line [0-9]+, function qel_req_list_expand");
+}
+
+TEST_F(RequestListDeathTest, UsedNodeWithoutDataEndsTheProcessInEveryWalk) {
+  const std::string told =
+      R"(assertion failed: \(node\)->data != \(\(void \*\)0\), file qel/qel_req, line [0-9]+, )"
+      "function ";
+  add();
+  listnode_add(g_qel_req.used, nullptr);
+  EXPECT_DEATH(qel_req_recycle_timeout(), told + "qel_req_recycle_timeout");
+  EXPECT_DEATH(qel_req_lookup(2), told + "qel_req_lookup");
+  EXPECT_DEATH(qel_req_show_list(), told + "qel_req_show_list");
 }
 
 TEST_F(RequestListTest, AddedRequestHoldsIdTimeContextAndCallback) {
