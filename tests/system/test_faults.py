@@ -20,10 +20,11 @@ import time
 import pytest
 
 from gateway import GROUP, frame, message
-from labkit import Lab, wait_until
+from labkit import PYTHON, Lab, wait_until
 from test_kill import children, name
 from test_modules import double
-from test_transfers import archive_of, put_program, send_chunk
+from test_transfers import send_chunk
+from test_vty import operate
 
 LONGER = int(os.environ.get("QEL_FAULTS", "1"))
 SWITCH = bytes.fromhex("0a1b2c3d4e5f")
@@ -235,53 +236,50 @@ def drain(lab):
 
 # ---- disks --------------------------------------------------------------------------------------
 
-MOUNT = (
-    "mkdir -p /run/keep && rm -rf /run/keep/* && cp -a /var/conf/. /run/keep && "
-    "mount -t tmpfs -o size={1},mode=777 none {0}"
-)
-KEEP = " && cp -a /run/keep/. /var/conf"
+# Before the disk goes over a folder: what the folder holds. Afterwards the same files lie on the disk;
+# sockets, which somebody listens at, are bound to their places.
+MOUNT = """
+mkdir -p /run/keep && mount --bind {0} /run/keep && mount -t tmpfs -o size={1},mode=1777 none {0} || exit
+cd /run/keep && for file in * .[!.]*; do
+  if test -S "$file"; then touch {0}/$file && mount --bind $file {0}/$file; fi
+  if test -f "$file"; then cp -p $file {0}; fi
+done
+"""
 
 
-def mount(folder, size):
-    """A disk of that size over the folder; it holds the settings when they belong there."""
-    return MOUNT.format(folder, size) + (KEEP if folder == "/var/conf" else "")
+@contextlib.contextmanager
+def healthy(lab, folder):
+    """The folder lies on a disk with room: what shows that a write is tried at all."""
+    lab.switch("sh", "-c", MOUNT.format(folder, "4m"))
+    yield
+    lab.switch("umount", "-l", folder)
 
 
 @contextlib.contextmanager
 def full(lab, folder):
     """The folder lies on a disk that has no room left."""
-    lab.switch("sh", "-c", mount(folder, "64k"))
+    lab.switch("sh", "-c", MOUNT.format(folder, "64k"))
     lab.switch("sh", "-c", f"cat /dev/zero >{folder}/ballast 2>/dev/null; :")
-    try:
-        yield
-    finally:
-        lab.switch("umount", "-l", folder)
+    yield
+    lab.switch("umount", "-l", folder)
 
 
 @contextlib.contextmanager
 def read_only(lab, folder):
     """The folder lies on a disk that cannot be written."""
-    lab.switch("sh", "-c", mount(folder, "4m") + f" && mount -o remount,ro {folder}")
-    try:
-        yield
-    finally:
-        lab.switch("umount", "-l", folder)
+    lab.switch("sh", "-c", MOUNT.format(folder, "4m") + f"mount -o remount,ro {folder}")
+    yield
+    lab.switch("umount", "-l", folder)
 
 
-def push_config(lab):
-    archive = archive_of({"new.conf": b"new"})
-    send_chunk(lab.gateway, "config_download", 0, True, len(archive) + 1, archive)
-    return lab.gateway.receive().json["data"]["state"]
+def content(lab, path):
+    """A file as the switch sees it, "" when there is none."""
+    return lab.switch("cat", path, check=False).stdout
 
 
-def push_image(lab):
-    send_chunk(lab.gateway, "firm_download", 0, False, CHUNK, bytes(CHUNK))
-    return lab.gateway.receive().json["data"]["state"]
-
-
-def pull_image(lab):
-    lab.gateway.command("set", "hfs_upgrade", {"upgrade_serverinfo": "http://192.168.1.1:9/x.trx"})
-    return len(lab.gateway.until_probe())
+def setting(lab, key, path="/var/conf/nvram.conf"):
+    rows = dict(line.split("=", 1) for line in content(lab, path).splitlines() if "=" in line)
+    return rows.get(key)
 
 
 def fetch_config(lab):
@@ -289,12 +287,70 @@ def fetch_config(lab):
     return lab.gateway.receive(20.0).json["data"]["state"]
 
 
+def push_config(lab):
+    """The answer to a first chunk, and how much of it is there; then the gateway goes on to fail."""
+    send_chunk(lab.gateway, "config_download", 0, True, 100, b"x" * 64)
+    state = lab.gateway.receive().json["data"]["state"]
+    stored = len(content(lab, "/var/conf/downlconf.tar.gz"))
+    send_chunk(lab.gateway, "config_download", 0, True, 1, b"xx")  # gives the transfer up
+    lab.gateway.receive()
+    return state, stored
+
+
+KEPT = "/var/lib/morva/firmware"
+IMAGE = "an image\n"
+
+
+def upgraded(lab):
+    """Whether the image was handed on and kept."""
+    return content(lab, f"{KEPT}/linux.trx") == IMAGE and "upgraded: size=9" in content(lab, f"{KEPT}/upgrades.log")
+
+
+def push_image(lab):
+    send_chunk(lab.gateway, "firm_download", 0, False, len(IMAGE), IMAGE.encode())
+    state = lab.gateway.receive().json["data"]["state"]
+    if state == 3:
+        wait_until(lambda: upgraded(lab), "the image in its place")
+    lab.gateway.probe()
+    return state, upgraded(lab)
+
+
+def serve(lab, name, text, port=8080):
+    """Serves one file on the gateway's end of the cable; returns where it is to be had."""
+    lab.run("ip", "address", "add", "192.168.1.2/24", "dev", "gw0")
+    folder = lab.dir / "www"
+    folder.mkdir()
+    (folder / name).write_text(text, encoding="ascii")
+    server = f"{PYTHON} -m http.server --directory {folder} --bind 192.168.1.2 {port}"
+    lab.run("sh", "-c", f"{server} >/dev/null 2>&1 & echo started")
+    location = f"http://192.168.1.2:{port}/{name}"
+    there = ["wget", "-q", "-O", "/dev/null", location]
+    wait_until(lambda: lab.switch(*there, check=False).returncode == 0, "the web server")
+    return location
+
+
+def pull_image(lab):
+    """How many messages came up to a probe's answer, which waits for the fetch; what is in the
+    file; whether it was kept; the state of the upgrade, which is given up after a while."""
+
+    def state():
+        return json.loads(lab.morvactl("fw", "show", "--json").stdout)["state"]
+
+    location = serve(lab, "x.trx", IMAGE)
+    assert "/tmp/linux.trx" not in lab.log("qel")
+    lab.gateway.command("set", "hfs_upgrade", {"upgrade_serverinfo": location})
+    count = len(lab.gateway.until_probe())
+    assert "/tmp/linux.trx" in lab.log("qel")  # in what the fetching program says
+    fetched = content(lab, "/tmp/linux.trx")
+    if fetched:
+        wait_until(lambda: upgraded(lab) and state() == 0, "the image in its place")
+    return count, fetched, upgraded(lab), state()
+
+
 def save_by_vty(lab):
-    """`write` of the command shell; what it says comes to the log or the shell, never to an end."""
-    lab.switch(
-        "sh", "-c", "printf 'enable\\nwrite\\nexit\\nexit\\n' | timeout 5 telnet 127.0.0.1 2625; :"
-    )
-    return None
+    """What `write` says, and what is then in the file."""
+    _, said, _ = operate(lab, ["enable\r", "qel# "], ["write\r", "qel# "], ["exit\r", ""])
+    return said.splitlines()[1], content(lab, "/var/conf/qel.conf")
 
 
 def set_name(lab):
@@ -303,62 +359,83 @@ def set_name(lab):
 
 
 def set_countdown(lab):
-    lab.gateway.command("set", "sys_active", {"sys_active": 3})
-    lab.gateway.probe()
-    return None
+    """Whether the countdown runs, and whether it is stored."""
+    lab.gateway.command("set", "sys_active", {"sys_active": 900000})
+    runs = lab.gateway.probe().json["data"]["sys_active"] > 899000
+    return runs, int(setting(lab, "qel_sys_active") or 0) > 899000
 
 
-def switch_off_and_on(lab):
-    send = (
-        "import socket,sys; s=socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM);"
-        "s.sendto(sys.argv[1].encode(), '/var/run/qel.udp')"
-    )
-    for value in (0, 1):
-        event = json.dumps({"type": "cldm_conf", "qel_enable": value})
-        lab.switch("python3", "-c", send, event)
+def event(lab, **members):
+    lab.morvactl("event", json.dumps({"type": "cldm_conf", **members}))
+
+
+def switch_off(lab):
+    """Whether the hardware was told, the state of the run files, and what was saved; the agent is
+    on again in the end."""
+
+    def frames_to_cpu():
+        return json.loads(lab.morvactl("show", "--json").stdout)["frames_to_cpu"]
+
+    event(lab, qel_enable=0)
+    wait_until(lambda: frames_to_cpu() == 0, "the agent to be off")
+    temporary = setting(lab, "qel_enable", "/var/run/morva/nvram.tmp.conf")
+    wait_until(lambda: saved_or_told(lab), "the configuration to be saved")
+    saved = content(lab, "/var/conf/qel.conf")
+    event(lab, qel_enable=1)
     answered(lab)
-    return None
+    return temporary, saved
 
 
-# Each write of the agent and of what it sets off: where it goes, and what is answered when it fails
-# on a disk that is full, and on one that is read-only.
+def saved_or_told(lab):
+    told = "the running configuration could not be saved"
+    return content(lab, "/var/conf/qel.conf") == "qel disable\n!\n" or told in lab.log("qel") + lab.log("syslog")
+
+
+NOT_SAVED = "% The configuration could not be saved; the log says why"
+
+# Each write of the agent and of what it sets off: where it goes, and what is seen of it on a disk
+# that is healthy, on one that is full, and on one that is read-only.
 WRITES = {
-    "configuration packed for the gateway": ("/var/conf", fetch_config, 0, 0),
+    "configuration packed for the gateway": ("/var/conf", fetch_config, 1, 0, 0),
     # A file that cannot be opened swallows its chunks; one that cannot grow says so.
-    "configuration from the gateway": ("/var/conf", push_config, 0, 2),
-    "firmware image pushed": ("/tmp", push_image, -2, -2),
-    "firmware image fetched": ("/tmp", pull_image, 1, 1),
-    "shell's configuration": ("/var/conf", save_by_vty, None, None),
-    "name": ("/var/conf", set_name, False, False),
-    "countdown": ("/var/conf", set_countdown, None, None),
-    "switched off and on": ("/var/conf", switch_off_and_on, None, None),
-    "run files": ("/var/run/morva", switch_off_and_on, None, None),
-}
+    "configuration from the gateway": ("/var/conf", push_config, (2, 64), (0, 0), (2, 0)),
+    "firmware image pushed": ("/tmp", push_image, (3, True), (-2, False), (-2, False)),
+    "firmware image fetched": ("/tmp", pull_image, (1, IMAGE, True, 0), (1, "", False, 2), (1, "", False, 2)),
+    "shell's configuration": (
+        "/var/conf", save_by_vty, ("Configuration saved", "qel enable\n!\n"), (NOT_SAVED, ""), (NOT_SAVED, "")),
+    "name": ("/var/conf", set_name, True, False, False),
+    "countdown": ("/var/conf", set_countdown, (True, True), (True, False), (True, False)),
+    "running configuration": ("/var/conf", switch_off, ("0", "qel disable\n!\n"), ("0", ""), ("0", "")),
+    "run files": (
+        "/var/run/morva", switch_off, ("0", "qel disable\n!\n"), ("1", "qel disable\n!\n"),
+        ("1", "qel disable\n!\n")),
+}  # fmt: skip
+DISKS = (healthy, full, read_only)
 
 
-@pytest.fixture(scope="module")
-def disks():
-    with Lab() as running:
-        yield running
+@pytest.mark.parametrize("disk", DISKS)
+@pytest.mark.parametrize("write", WRITES)
+def test_write_that_fails_is_answered_and_costs_nothing_else(make_lab, write, disk):
+    lab = make_lab()
+    folder, act, *seen = WRITES[write]
+    pids = lab.pid("qel"), lab.pid("morvad")
+    settings_ = "cat /var/conf/*.conf | grep -v sys_active"
+    before = lab.switch("sh", "-c", settings_).stdout
+    with disk(lab, folder):
+        assert act(lab) == seen[DISKS.index(disk)]
+        if disk is not healthy and folder == "/var/conf":
+            assert lab.switch("sh", "-c", settings_).stdout == before
+        lab.gateway.probe()
+    lab.gateway.probe()
+    assert (lab.pid("qel"), lab.pid("morvad")) == pids
 
 
 @pytest.mark.parametrize("disk", [full, read_only])
-@pytest.mark.parametrize("write", WRITES)
-def test_write_that_fails_is_answered_and_costs_nothing_else(disks, write, disk):
-    folder, act, when_full, when_read_only = WRITES[write]
-    pids = disks.pid("qel"), disks.pid("morvad")
-    before = disks.switch("sh", "-c", "cat /var/conf/*.conf | grep -v sys_active | md5sum").stdout
-    with disk(disks, folder):
-        assert act(disks) == (when_full if disk is full else when_read_only)
-        during = disks.switch("sh", "-c", "cat /var/conf/*.conf | grep -v sys_active | md5sum")
-        assert during.stdout == before or folder != "/var/conf"
-        disks.gateway.probe()
-    if write.startswith("configuration"):
-        # The transfer is given up: by another chunk, or by the ticks that an archive is kept.
-        send_chunk(disks.gateway, "config_download", 0, True, 1, b"xx")
-        disks.gateway.receive()
-    disks.gateway.probe()
-    assert (disks.pid("qel"), disks.pid("morvad")) == pids
+def test_countdown_is_stored_again_when_the_disk_takes_it(make_lab, disk):
+    lab = make_lab()
+    with disk(lab, "/var/conf"):
+        assert set_countdown(lab) == (True, False)
+    wait_until(lambda: int(setting(lab, "qel_sys_active") or 0) > 899000, "a tick to store it")
 
 
 # ---- descriptors and memory ---------------------------------------------------------------------
@@ -542,16 +619,21 @@ def test_four_gateways_are_told_and_a_fifth_takes_the_firsts_place(make_lab):
 
 
 def flood(lab, text, seconds):
-    """In a process of its own: frames as fast as they can be sent. Returns its pid and a pipe with
-    how many there were."""
+    """In a process of its own: frames as fast as they can be sent, but no faster than a port of
+    1 Gbit/s carries them. Returns its pid and a pipe with how many there were."""
     sender = lab.socket(socket.AF_PACKET, socket.SOCK_RAW)
     sender.bind(("gw0", 0))
     data = frame(GROUP, bytes.fromhex("020000000066"), text)
     result, end = os.pipe()
     pid = os.fork()
     if pid == 0:
-        count, stop = 0, time.monotonic() + seconds
-        while time.monotonic() < stop:
+        start = time.monotonic()
+        pause = 200 * (len(data) + 24) * 8e-9  # what lies between two frames on a wire is 24 bytes long
+        bursts = count = 0
+        while time.monotonic() < start + seconds:
+            bursts += 1
+            while time.monotonic() < start + bursts * pause:
+                pass
             for _ in range(200):
                 try:
                     count += sender.send(data) == len(data)
@@ -586,10 +668,13 @@ def test_storm_from_one_source_leaves_the_other_gateway_present(make_lab, text):
     with os.fdopen(result) as pipe:
         storm = int(pipe.read())
     os.waitpid(pid, 0)
-    calm = answered(lab)
+    drain(lab)
+    start = time.monotonic()
+    lab.gateway.probe()  # which fails when this one is not answered
+    calm = time.monotonic() - start
     print(
         f"storm of {storm / seconds:.0f} frames/s: {good} of {sent} probes of another gateway "
-        f"answered, first one after it within {calm * 1000:.0f} ms"
+        f"answered, the first one after it within {calm * 1000:.0f} ms"
     )
-    assert good >= 1
+    assert sent >= 10 and good >= sent // 5  # on an idle machine it is most of them
     assert calm < 2.0
