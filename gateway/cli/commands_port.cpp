@@ -50,24 +50,39 @@ PortSettings parse_settings(const std::vector<std::string>& words) {
   return settings;
 }
 
-// Whether the switch sees this gateway at `port`: taking that down cuts the way to it.
-Task<bool> reached_through(Context& context, const Switch& one, std::string port) {
+// What is to be asked before `port` goes down; empty: nothing. A switch that reports this gateway's
+// MAC at one of its ports is reached through that one. Where none bears it (a switch that learns
+// nobody's address, or not yet), any port with a link may be the way.
+Task<std::string> question_before(Context& context, const Switch& one, std::string port) {
   const PortTable table =
-      co_await read_ports(context.session(), one, kPortClient, context.patience());
+      co_await read_ports(context.session(), one, kPortLink | kPortClient, context.patience());
+  const auto is_ours = [&context](const Port& candidate) {
+    return candidate.client && candidate.client->state == "ON" &&
+           parse_mac(candidate.client->mac) == context.transport().own_mac();
+  };
   const Port* found = table.find(port);
-  co_return found != nullptr && found->client && found->client->state == "ON" &&
-      parse_mac(found->client->mac) == context.transport().own_mac();
+  if (found == nullptr) {
+    co_return "";
+  }
+  if (is_ours(*found)) {
+    co_return fmt::format("{} is reached through its port {}. Take it down?", title_of(one),
+                          terminal_text(port));
+  }
+  const bool known = std::ranges::any_of(table.ports, is_ours);
+  const bool linked = !found->link || found->link->up;
+  co_return known || !linked ? ""
+                             : fmt::format("{} may be reached through its port {}. Take it down?",
+                                           title_of(one), terminal_text(port));
 }
 
-// Asks before the port is taken down through which a switch is reached.
+// Asks before a port is taken down through which a switch is, or may be, reached.
 bool may_take_down(Context& context, const std::vector<Switch>& switches, const std::string& port) {
   if (context.options().yes) {
     return true;
   }
   for (const Switch& one : switches) {
-    if (context.run(reached_through(context, one, port)) &&
-        !confirmed(context, fmt::format("{} is reached through its port {}. Take it down?",
-                                        title_of(one), terminal_text(port)))) {
+    const std::string question = context.run(question_before(context, one, port));
+    if (!question.empty() && !confirmed(context, question)) {
       return false;
     }
   }
@@ -153,8 +168,8 @@ Command config_command(const Arguments& arguments) {
           enable != settings.switches.end() && !enable->second};
 }
 
-CLI::App* add_change(CLI::App& family, const char* name, const char* help, const char* footer,
-                     const Arguments& arguments, Choice& choice,
+CLI::App* add_change(CLI::App& family, const char* name, const char* help,
+                     const std::string& footer, const Arguments& arguments, Choice& choice,
                      const std::function<Command(const Arguments&)>& make) {
   auto* command = family.add_subcommand(name, help);
   command->footer(footer);
@@ -167,6 +182,10 @@ CLI::App* add_change(CLI::App& family, const char* name, const char* help, const
   return command;
 }
 
+constexpr const char* kAsks =
+    "Asks first, unless --yes, if the switch is or may be reached through the port.\n"
+    "Each port with a link may be the way while the switch sees us at none.";
+
 }  // namespace
 
 void add_port(CLI::App& app, Choice& choice) {
@@ -176,8 +195,9 @@ void add_port(CLI::App& app, Choice& choice) {
   const auto arguments = std::make_shared<PortArguments>();
   add_change(*family, "enable", "Enable a port", "Example:\n  qelctl -i eth1 port enable ge3",
              arguments, choice, [](const Arguments& a) { return enable_command(a, true); });
-  add_change(*family, "disable", "Disable a port", "Example:\n  qelctl -i eth1 port disable ge3",
-             arguments, choice, [](const Arguments& a) { return enable_command(a, false); });
+  add_change(*family, "disable", "Disable a port",
+             fmt::format("{}\n\nExample:\n  qelctl -i eth1 port disable ge3", kAsks), arguments,
+             choice, [](const Arguments& a) { return enable_command(a, false); });
   auto* speed = add_change(*family, "speed", "Set a port's speed",
                            "AN negotiates. A port without link cannot show whether it took.\n"
                            "Speeds: AN 10M 10M-H 10M-F 100M 100M-H 100M-F 1G 1G-F 2.5G 5G 10G "
@@ -188,17 +208,20 @@ void add_port(CLI::App& app, Choice& choice) {
       ->required()
       ->check(CLI::IsMember(speed_names()).description(""));
   auto* restart = add_change(*family, "restart", "Take a port down and up again",
-                             "Example:\n  qelctl -i eth1 port restart ge3 --seconds 5 --wait",
+                             fmt::format("{}\n\nExample:\n  qelctl -i eth1 port restart ge3 "
+                                         "--seconds 5 --wait",
+                                         kAsks),
                              arguments, choice, restart_command);
   restart->add_option("--seconds", arguments->seconds, "How long it stays down (5)")
       ->check(CLI::Range(1, 255))
       ->type_name("N");
   restart->add_flag("--wait", arguments->wait, "Wait until it is up again");
-  auto* config = add_change(
-      *family, "config", "Set several things of a port at once",
-      "Settings: speed=NAME; enable, iso, eee, llpp, mstp, lldp, poe with =on or =off.\n\n"
-      "Example:\n  qelctl -i eth1 port config ge3 poe=off eee=on",
-      arguments, choice, config_command);
+  auto* config =
+      add_change(*family, "config", "Set several things of a port at once",
+                 "Settings: speed=NAME; enable, iso, eee, llpp, mstp, lldp, poe with =on or =off.\n"
+                 "enable=off asks as \"port disable\" does.\n\n"
+                 "Example:\n  qelctl -i eth1 port config ge3 poe=off eee=on",
+                 arguments, choice, config_command);
   config->add_option("SETTING", arguments->settings, "NAME=VALUE ...")->required();
 }
 

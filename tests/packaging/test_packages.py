@@ -141,7 +141,7 @@ def test_a_port_is_disabled_in_the_kernel(installation):
     status, output = installation.qelctl("ports")
     assert status == 0, output
     name = next(line.split()[0] for line in output.splitlines() if line.split()[:1] == ["swp2"])
-    status, output = installation.qelctl("port", "disable", name)
+    status, output = installation.qelctl("--yes", "port", "disable", name)
     assert status == 0, output
 
     def carrier(value):

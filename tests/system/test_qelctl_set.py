@@ -23,7 +23,7 @@ def requests_since(lab, count):
 
 def test_a_port_is_disabled_and_enabled(qelctl):
     before = len(qelctl.lab.queries())
-    assert qelctl("port", "disable", "ge1").stdout == WHO + "port ge1 disable: took: the port is disabled\n"
+    assert qelctl("--yes", "port", "disable", "ge1").stdout == WHO + "port ge1 disable: took: the port is disabled\n"
     assert '{"mdl":"mono","cmd":"qel_port_enable_set","data":{"port":"ge1","enable":0}}' in requests_since(
         qelctl.lab, before
     )
@@ -31,7 +31,7 @@ def test_a_port_is_disabled_and_enabled(qelctl):
 
 
 def test_json_tells_the_effect(qelctl):
-    assert qelctl.json("port", "disable", "ge1") == [
+    assert qelctl.json("--yes", "port", "disable", "ge1") == [
         {
             "mac": "0a:1b:2c:3d:4e:10", "name": "desk-sw", "command": "port ge1 disable", "result": "took",
             "detail": "the port is disabled", "port": "ge1",
@@ -57,7 +57,7 @@ def test_a_speed_that_the_port_cannot_run_is_not_said_to_have_been_taken(qelctl)
 
 
 def test_a_restarted_port_comes_back(qelctl):
-    assert qelctl("port", "restart", "ge2", "--seconds", "2", "--wait").stdout == (
+    assert qelctl("--yes", "port", "restart", "ge2", "--seconds", "2", "--wait").stdout == (
         WHO + "port ge2 restart: took: enabled again; the link runs at 1000 Mbit/s full duplex\n"
     )
 
@@ -89,7 +89,30 @@ def test_the_way_to_the_switch_is_not_cut_unasked(qelctl):
     result = qelctl("port", "restart", "ge4", status=2)
     assert "is reached through its port ge4. Take it down?" in result.stderr
     assert "--yes" in result.stderr
+    assert "took" in qelctl("port", "disable", "ge3").stdout, "the way is known, and it is another"
+    qelctl("port", "enable", "ge3")
     assert "took" in qelctl("--yes", "port", "restart", "ge4", "--seconds", "2", "--wait").stdout
+
+
+@pytest.mark.parametrize(
+    "words",
+    [("port", "disable", "ge1"), ("port", "restart", "ge1"), ("port", "config", "ge1", "eee=on", "enable=off")],
+)
+def test_any_link_may_be_the_way_while_the_switch_knows_none(tmp_path, words):
+    with Lab("--board", quiet_board(tmp_path)) as lab:
+        qelctl = Qelctl(lab)
+        before = len(lab.queries())
+        question = WHO.removesuffix(": ") + " may be reached through its port ge1. Take it down?"
+        assert qelctl(*words, status=2).stderr == (
+            f"qelctl: {question} Nobody is there to be asked; --yes answers beforehand\n"
+        )
+        status, screen, _ = qelctl.on_terminal(*words, columns=100, steps=[("[y/N]", "n\n")])
+        assert (status, screen.text()) == (1, f"{question} [y/N] n\nqelctl: nothing was done")
+        sent = " ".join(requests_since(lab, before))
+        assert "_set" not in sent
+        assert "took" in qelctl("--yes", *words).stdout
+        no_link = [word.replace("ge1", "ge7") for word in words]
+        assert "took" in qelctl(*no_link).stdout, "a port without link is no way"
 
 
 def test_the_address_is_changed(qelctl):
@@ -179,7 +202,7 @@ def test_over_udp(tmp_path):
         qelctl = Qelctl(lab, "--udp", "192.168.1.11")
         assert qelctl.json("discover")[0]["name"] == "desk-sw"
         assert len(qelctl.json("ports")[0]["ports"]) == 10
-        assert "took" in qelctl("port", "disable", "ge1").stdout
+        assert "took" in qelctl("--yes", "port", "disable", "ge1").stdout
         assert "saved" in qelctl("backup", str(tmp_path / "u.tar.gz")).stdout
         result = qelctl("--yes", "restore", str(tmp_path / "u.tar.gz"), status=1)
         assert "a switch takes no files over UDP; use -i and Ethernet" in result.stdout

@@ -42,7 +42,7 @@ def test_backup_change_restore(qelctl, tmp_path):
         assert tar.getnames() == ["nvram.conf"]
     before = qelctl.json("ports")
     qelctl("name", "changed")
-    qelctl("port", "disable", "ge1")
+    qelctl("--yes", "port", "disable", "ge1")
     qelctl("port", "config", "ge2", "eee=on", "poe=off")
     qelctl.lab.morvactl("counters", "ge1", "tx_bytes=1000")
     result = qelctl("--yes", "restore", file, "--wait", "20", timeout=90)
