@@ -6,11 +6,14 @@ import io
 import os
 import re
 import tarfile
+import zlib
 
 import pytest
 from labkit import Lab, wait_until
 from qelctl_user import Qelctl, quiet_board
 
+# What the agent has computed of what it stored, and what it was told.
+CHECKED = re.compile(r"crc32\[0x([0-9a-f]+)\], loadcrc32\[0x([0-9a-f]+)\]")
 WHO = "desk-sw (0a:1b:2c:3d:4e:10): "
 
 
@@ -87,20 +90,28 @@ def test_what_is_no_archive_is_not_sent(qelctl, tmp_path, make, why):
     make(file)
     result = qelctl("--yes", "restore", file, status=1)
     assert why in result.stderr and result.stdout == ""
-    qelctl("show")  # whatever was sent before this has been worked on when this is answered
-    assert "qel_cmd_handle_conf_download" not in qelctl.lab.console()
+    # The agent says so of every chunk: ours, which holds nothing, is the only one.
+    nothing = {"index": 0, "next": 1, "file": "x", "total_length": 1, "crc": 0, "length": -1}
+    qelctl.lab.gateway.command("update", "config_download", nothing)
+    assert qelctl.lab.gateway.receive().json["data"]["state"] == 0
+    wait_until(lambda: "[qel_cmd_handle_conf_download," in qelctl.lab.console(), "the console's line")
+    assert qelctl.lab.console().count("[qel_cmd_handle_conf_download,") == 1
 
 
 def test_a_restore_is_not_appended_to_one_that_was_left_open(qelctl, tmp_path):
+    qelctl("name", "saved")
     file = tmp_path / "desk.tar.gz"
     qelctl("backup", file)
+    qelctl("name", "changed")
     # Another gateway begins a download and goes away.
     left_open = {"index": 0, "next": 1, "file": "x", "total_length": 60000, "crc": 0, "length": 4}
     qelctl.lab.gateway.command("update", "config_download", left_open)
+    assert qelctl.lab.gateway.receive().json["data"]["state"] == 2
     qelctl.lab.morvactl("counters", "ge1", "tx_bytes=1000")
     qelctl("--yes", "restore", file, "--wait", "20", timeout=90)
-    assert qelctl.json("show")[0]["name"] == "desk-sw"
-    assert "crc32[0x" in qelctl.lab.console()
+    assert qelctl.json("show")[0]["name"] == "saved"
+    sums = wait_until(lambda: CHECKED.findall(qelctl.lab.console()), "the console's line about the sum")
+    assert sums == [(f"{zlib.crc32(file.read_bytes()):x}",) * 2]
 
 
 def test_firmware_is_pushed_byte_for_byte(qelctl, tmp_path):
@@ -113,6 +124,9 @@ def test_firmware_is_pushed_byte_for_byte(qelctl, tmp_path):
     ]  # fmt: skip
     copy = qelctl.lab.switch("sha256sum", "/tmp/linux.trx").stdout.split()[0]
     assert copy == qelctl.lab.run("sha256sum", str(image)).stdout.split()[0]
+    log = ["cat", "/var/lib/morva/firmware/upgrades.log"]
+    told = f"upgraded: size=300001 sha256={copy}"
+    wait_until(lambda: told in qelctl.lab.switch(*log, check=False).stdout, "the upgrade")
 
 
 def test_firmware_that_is_no_file_is_refused(qelctl, tmp_path):
@@ -124,7 +138,10 @@ def test_firmware_that_is_no_file_is_refused(qelctl, tmp_path):
 def test_firmware_locations_are_checked_before_anybody_is_told(qelctl):
     for location in ("http://h/$(reboot)", "-O/etc/passwd", "~root/x", "http://h/a b", "x" * 233):
         assert qelctl("--yes", "firmware", "pull", "--", location, status=2).stderr.startswith("qelctl: ")
-    assert "wget" not in qelctl.lab.console()
+    # The agent says so of whatever location it is told, a bad one too: ours is the only one.
+    qelctl.lab.gateway.command("set", "hfs_upgrade", {"upgrade_serverinfo": "$"})
+    wait_until(lambda: "Upgrading ....." in qelctl.lab.console(), "the console's line")
+    assert qelctl.lab.console().count("Upgrading .....") == 1
 
 
 def test_firmware_is_pulled(qelctl):
@@ -134,7 +151,7 @@ def test_firmware_is_pulled(qelctl):
     assert result.stdout == (
         WHO + "firmware pull: done: sent; the switch answers again, and does not say whether it fetched the image\n"
     )
-    assert "Upgrading ....." in lab.console()
+    wait_until(lambda: "Upgrading ....." in lab.console(), "the console's line")
 
 
 def test_the_bar_on_a_terminal(qelctl, tmp_path):
