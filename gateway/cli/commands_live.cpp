@@ -40,7 +40,8 @@ Task<void> stay_present(Session& session) {
 
 // The switches meant; all of them when none was named.
 std::vector<Switch> watched(Context& context) {
-  return selected(context, context.options().selector.empty() ? "all" : context.options().selector);
+  return selected(context, context.options().selector.empty() ? "all" : context.options().selector,
+                  Search::Quick);
 }
 
 struct WatchArguments {
@@ -106,7 +107,10 @@ class Top {
     Session& session = context_.session();
     context_.transport().wake_on(wake.get());
     session.on_wake([this] { obey_keys(); });
+    // A reading that waits for a switch that died ends with the key, not with its patience.
+    session.set_interrupt([this] { return quit_ || interrupt_seen(); });
     context_.run(refresh());
+    session.set_interrupt(interrupt_seen);
     session.on_wake({});
     context_.transport().wake_on(interrupt_descriptor());
     return ExitCode::Done;
@@ -133,9 +137,7 @@ class Top {
       any = true;
       quit_ = quit_ || !view_.key(key, Screen::size().rows);
     }
-    if (quit_) {
-      context_.session().wake_sleepers();
-    } else if (any || size_changed()) {
+    if (!quit_ && (any || size_changed())) {
       draw();
     }
   }

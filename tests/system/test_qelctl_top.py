@@ -3,10 +3,12 @@
 was, whatever ends it."""
 
 import re
+import threading
 
 import pytest
 from labkit import Lab
 from qelctl_user import Qelctl, quiet_board
+from test_qelctl_faults import STRANGER, Impostor
 
 TOP = """\
 1 switch, 10 ports, 5 up  sorted by rx
@@ -103,3 +105,18 @@ def test_top_needs_a_terminal(qelctl):
 def test_top_counts_its_rounds(qelctl):
     status, _, output = qelctl.on_terminal("top", "--rounds", "2", "--interval", "0.2")
     assert status == 0 and output.count("1 switch, 10 ports") >= 2
+
+
+@pytest.mark.parametrize("key", ["q", "Q"])
+def test_q_ends_a_reading_that_waits(qelctl, key):
+    other = Impostor(qelctl.lab, bytes.fromhex(STRANGER.replace(":", "")))
+    answering = threading.Thread(target=other.serve, args=(1, lambda to, tick: other.answer(to, tick, "ghost")))
+    with other.socket:
+        answering.start()
+        # It says who it is and then nothing: the first reading would wait for ten minutes.
+        status, screen, _ = qelctl.on_terminal(
+            "-s", STRANGER, "--timeout", "600", "top", steps=[("1 switch, 0 ports", ""), ("arrows scroll", key)]
+        )
+        answering.join()
+    assert status == 0
+    assert not screen.alternate and screen.cursor_visible
