@@ -14,7 +14,7 @@ namespace qel_gateway {
 
 namespace {
 
-constexpr Duration kQuiet{400};  // after the last new answer, when one switch is looked for
+constexpr Duration kQuiet{400};  // after the last new answer, when a quick search looks for one
 
 std::string list_of(const std::vector<Switch>& switches) {
   constexpr size_t kShown = 10;
@@ -51,13 +51,14 @@ void require_one(const std::vector<Switch>& fitting, const std::vector<Switch>& 
 
 }  // namespace
 
-Task<Selection> select_switches(Session& session, std::string selector, Duration window) {
+Task<Selection> select_switches(Session& session, std::string selector, Duration window,
+                                Search search) {
   const auto mac = parse_mac(selector);
   const bool all = selector == "all";
   DiscoveryOptions options;
   options.window = window;
   options.only = mac;
-  if (!all && !mac) {
+  if (search == Search::Quick && !all && !mac) {
     options.quiet = kQuiet;
   }
   Discovery found = co_await discover(session, options);

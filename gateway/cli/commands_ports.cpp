@@ -50,7 +50,7 @@ ExitCode run_ports(Context& context, PortView view) {
       return texts;
     });
   }
-  const auto switches = selected(context);
+  const auto switches = selected(context, Search::Quick);
   return each_switch(context, switches, true, [&context, view](const Switch& one) {
     return tell_ports(context, one, view);
   });
@@ -122,7 +122,7 @@ ExitCode run_show(Context& context) {
   if (context.options().dry_run) {
     return dry_probe(context);
   }
-  const auto switches = selected(context);
+  const auto switches = selected(context, Search::Quick);
   return each_switch(context, switches, true,
                      [&context](const Switch& one) { return tell_identity(context, one); });
 }

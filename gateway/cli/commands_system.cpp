@@ -118,7 +118,7 @@ ExitCode run_clock(Context& context) {
     return dry_run(
         context, [](const std::string& mac) { return std::vector<std::string>{clock_text(mac)}; });
   }
-  const auto switches = selected(context);
+  const auto switches = selected(context, Search::Quick);
   return each_switch(context, switches, false,
                      [&context](const Switch& one) { return tell_clock(context, one); });
 }

@@ -69,7 +69,7 @@ ExitCode run_backup(Context& context, const std::string& file) {
       return std::vector<std::string>{upload_text(mac, 0)};
     });
   }
-  const auto switches = selected(context);
+  const auto switches = selected(context, Search::Quick);
   for (const Switch& one : switches) {
     backup_path(file, one, switches.size());
   }

@@ -16,14 +16,14 @@
 
 #include "gateway/cli/identity_output.h"
 #include "gateway/cli/interrupt.h"
-#include "gateway/select.h"
 #include "gateway/text.h"
 
 namespace qel_gateway::cli {
 
 namespace {
 
-constexpr Duration kSelectWindow{1500};
+constexpr Duration kQuickWindow{1500};
+constexpr Duration kWholeWindow{2500};  // longer than a switch waits for one of its modules
 
 std::string heading(const Context& context, const Switch& one) {
   return tinted(fmt::format("{}  {}  {}", terminal_text(one.identity.name), mac_display(one.mac),
@@ -98,15 +98,16 @@ ExitCode worse(ExitCode one, ExitCode other) {
   return rank(one) >= rank(other) ? one : other;
 }
 
-std::vector<Switch> selected(Context& context) {
-  return selected(context, context.options().selector);
+std::vector<Switch> selected(Context& context, Search search) {
+  return selected(context, context.options().selector, search);
 }
 
-std::vector<Switch> selected(Context& context, const std::string& selector) {
+std::vector<Switch> selected(Context& context, const std::string& selector, Search search) {
+  const Duration window = search == Search::Whole ? kWholeWindow : kQuickWindow;
   Selection selection;
   try {
     selection =
-        context.run(select_switches(context.session(), selector, context.patience(kSelectWindow)));
+        context.run(select_switches(context.session(), selector, context.patience(window), search));
   } catch (const Error& error) {
     if (error.code() == ExitCode::NoAnswer) {
       context.note_wire();

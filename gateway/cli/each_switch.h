@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "gateway/cli/context.h"
+#include "gateway/select.h"
 
 namespace qel_gateway::cli {
 
@@ -21,10 +22,11 @@ struct Told {
 
 using SwitchJob = std::function<Task<Told>(const Switch&)>;
 
-// The switches that --switch means; notes what was dropped on the way.
-std::vector<Switch> selected(Context& context);
+// The switches that --switch means; notes what was dropped on the way. Only commands that change
+// nothing may search quickly.
+std::vector<Switch> selected(Context& context, Search search = Search::Whole);
 // The same for a selector of the command's own.
-std::vector<Switch> selected(Context& context, const std::string& selector);
+std::vector<Switch> selected(Context& context, const std::string& selector, Search search);
 
 // Runs `job` on each of `switches`, at most `limit` at a time, and prints what it tells in their
 // order: as JSON lines, or as texts. With more than one switch each text gets a heading when

@@ -145,15 +145,29 @@ TEST_F(DiscoveryTest, OfManyFaultsTheFirstAreTold) {
 
 TEST_F(DiscoveryTest, SelectsTheOnlySwitch) {
   neighbours({first});
-  const Selection chosen = session.run(select_switches(session, "", Duration(1500)));
+  const Selection chosen = session.run(select_switches(session, "", Duration(1500), Search::Quick));
   ASSERT_EQ(chosen.switches.size(), 1u);
   EXPECT_EQ(clock.elapsed(), 401);  // others had time to answer too
+}
+
+TEST_F(DiscoveryTest, AWholeSearchHearsTheSwitchThatAnswersLate) {
+  const Neighbour late{"office-sw", "0a1b2c3d4e61", "0a 1b 2c 3d 4e 61", 2100};
+  neighbours({first, late});
+  ExitCode code = ExitCode::Done;
+  EXPECT_EQ(error_of(select_switches(session, "", Duration(2500), Search::Whole), &code),
+            "2 switches answered; choose with --switch:\n  0a:1b:2c:3d:4e:5f  office-sw\n"
+            "  0a:1b:2c:3d:4e:61  office-sw");
+  EXPECT_EQ(code, ExitCode::Usage);
+  EXPECT_EQ(error_of(select_switches(session, "office-sw", Duration(2500), Search::Whole), &code),
+            "2 switches are called \"office-sw\"; choose by MAC:\n"
+            "  0a:1b:2c:3d:4e:5f  office-sw\n  0a:1b:2c:3d:4e:61  office-sw");
+  EXPECT_EQ(code, ExitCode::Usage);
 }
 
 TEST_F(DiscoveryTest, RefusesToChooseBetweenTwo) {
   neighbours({first, second});
   ExitCode code = ExitCode::Done;
-  EXPECT_EQ(error_of(select_switches(session, "", Duration(1500)), &code),
+  EXPECT_EQ(error_of(select_switches(session, "", Duration(1500), Search::Quick), &code),
             "2 switches answered; choose with --switch:\n  0a:1b:2c:3d:4e:5f  office-sw\n"
             "  0a:1b:2c:3d:4e:60  core-sw");
   EXPECT_EQ(code, ExitCode::Usage);
@@ -161,12 +175,17 @@ TEST_F(DiscoveryTest, RefusesToChooseBetweenTwo) {
 
 TEST_F(DiscoveryTest, SelectsByNameAndByMacAndAll) {
   neighbours({first, second});
-  EXPECT_EQ(session.run(select_switches(session, "core-sw", Duration(1500))).switches.size(), 1u);
-  EXPECT_EQ(session.run(select_switches(session, "all", Duration(1500))).switches.size(), 2u);
+  EXPECT_EQ(session.run(select_switches(session, "core-sw", Duration(1500), Search::Quick))
+                .switches.size(),
+            1u);
+  EXPECT_EQ(
+      session.run(select_switches(session, "all", Duration(1500), Search::Quick)).switches.size(),
+      2u);
   const Selection chosen =
-      session.run(select_switches(session, "0A-1B-2C-3D-4E-60", Duration(1500)));
+      session.run(select_switches(session, "0A-1B-2C-3D-4E-60", Duration(1500), Search::Whole));
   ASSERT_EQ(chosen.switches.size(), 1u);
   EXPECT_EQ(chosen.switches[0].identity.name, "core-sw");
+  EXPECT_EQ(clock.elapsed(), 401 + 1500 + 1);  // a MAC is not waited for any longer than needed
   EXPECT_EQ(Bytes(wire.sent().back().frame.begin(), wire.sent().back().frame.begin() + 6),
             hex("0a 1b 2c 3d 4e 60"));
 }
@@ -174,7 +193,7 @@ TEST_F(DiscoveryTest, SelectsByNameAndByMacAndAll) {
 TEST_F(DiscoveryTest, TwoSwitchesOfOneNameAreNotGuessedBetween) {
   neighbours({first, {"office-sw", "0a1b2c3d4e61", "0a 1b 2c 3d 4e 61"}});
   ExitCode code = ExitCode::Done;
-  EXPECT_EQ(error_of(select_switches(session, "office-sw", Duration(1500)), &code),
+  EXPECT_EQ(error_of(select_switches(session, "office-sw", Duration(1500), Search::Quick), &code),
             "2 switches are called \"office-sw\"; choose by MAC:\n"
             "  0a:1b:2c:3d:4e:5f  office-sw\n  0a:1b:2c:3d:4e:61  office-sw");
   EXPECT_EQ(code, ExitCode::Usage);
@@ -182,11 +201,12 @@ TEST_F(DiscoveryTest, TwoSwitchesOfOneNameAreNotGuessedBetween) {
 
 TEST_F(DiscoveryTest, NobodyAnswersIsNoAnswer) {
   ExitCode code = ExitCode::Done;
-  EXPECT_EQ(error_of(select_switches(session, "0a1b2c3d4e5f", Duration(1500)), &code),
-            "no answer from 0a:1b:2c:3d:4e:5f");
+  EXPECT_EQ(
+      error_of(select_switches(session, "0a1b2c3d4e5f", Duration(1500), Search::Quick), &code),
+      "no answer from 0a:1b:2c:3d:4e:5f");
   EXPECT_EQ(code, ExitCode::NoAnswer);
   neighbours({first});
-  EXPECT_EQ(error_of(select_switches(session, "nobody", Duration(1500)), &code),
+  EXPECT_EQ(error_of(select_switches(session, "nobody", Duration(1500), Search::Quick), &code),
             "no switch is called \"nobody\"; these answered:\n  0a:1b:2c:3d:4e:5f  office-sw");
   EXPECT_EQ(code, ExitCode::NoAnswer);
 }
