@@ -72,18 +72,18 @@ def push(gateway, subcmd, image, chunk=CHUNK):
 
 
 def archive_of(files, links=()):
-    """A gzip'd tar of `files` (name -> bytes), the names as they are."""
+    """A gzip'd tar of `links` (name, target) and behind them `files` (name -> bytes), as they are."""
     out = io.BytesIO()
     with tarfile.open(fileobj=out, mode="w:gz") as tar:
-        for name, content in files.items():
-            info = tarfile.TarInfo(name)
-            info.size = len(content)
-            tar.addfile(info, io.BytesIO(content))
         for name, target in links:
             info = tarfile.TarInfo(name)
             info.type = tarfile.SYMTYPE
             info.linkname = target
             tar.addfile(info)
+        for name, content in files.items():
+            info = tarfile.TarInfo(name)
+            info.size = len(content)
+            tar.addfile(info, io.BytesIO(content))
     return out.getvalue()
 
 
@@ -242,6 +242,31 @@ def test_archive_with_names_that_climb_out_writes_nothing_outside(make_lab):
     assert (lab.dir / "conf/good.conf").read_bytes() == b"good"
     found = lab.switch("sh", "-c", "ls /var/climbed.conf /run/absolute.conf", check=False)
     assert found.returncode != 0 and found.stdout == ""
+
+
+def test_archive_with_links_writes_nothing_where_they_lead(make_lab):
+    """Not when it is unpacked, through a link in it, nor by what the agent writes later."""
+    lab = make_lab()
+    old = lab.pid("qel")
+    lab.switch("sh", "-c", "mkdir /run/there && for n in 1 2 3 4; do echo kept=$n >/run/there/$n; done")
+    listed = ["sh", "-c", "cd /run/there && grep -r . . | sort"]
+    before = lab.switch(*listed).stdout
+    links = [
+        ("folder.conf", "/run/there"), ("near.conf", "../../run/there"), ("file.conf", "/run/there/1"),
+        ("nvram.conf", "/run/there/2"), ("qel.conf", "/run/there/3"), ("getconf.tar.gz", "/run/there/4"),
+    ]  # fmt: skip
+    files = {"folder.conf/a.conf": b"bad", "near.conf/b.conf": b"bad", "file.conf": b"new", "good.conf": b"good"}
+    push(lab.gateway, "config_download", archive_of(files, links))
+    agent_restarted(lab, old)
+    answers_again(lab)
+    assert (lab.dir / "conf/good.conf").read_bytes() == b"good"  # it was unpacked
+    lab.gateway.command("set", "name", {"name": "written"})
+    assert lab.gateway.probe().json["data"]["name"] == "written"
+    lab.morvactl("event", '{"type":"cldm_conf","qel_enable":1}')
+    saved = ["cat", "/var/conf/qel.conf"]
+    wait_until(lambda: lab.switch(*saved, check=False).stdout == "qel enable\n!\n", "the saved configuration")
+    fetch_archive(lab.gateway)
+    assert lab.switch(*listed).stdout == before
 
 
 KILL = "kill -KILL $(cat /var/run/qel.pid)"
