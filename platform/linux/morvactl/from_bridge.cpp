@@ -17,6 +17,7 @@
 #include "platform/linux/fd.h"
 #include "platform/linux/morvactl/client.h"
 #include "platform/linux/morvad/board.h"
+#include "platform/linux/morvad/kernel/collector.h"
 #include "platform/linux/morvad/kernel/ethtool.h"
 #include "platform/linux/morvad/kernel/netlink.h"
 #include "platform/linux/morvad/names.h"
@@ -26,17 +27,6 @@ namespace {
 
 constexpr int kSpeeds[] = {100000, 40000, 25000, 10000, 5000, 2500, 1000, 100, 10};
 constexpr int kUsualSpeed = 1000;  // of an interface that tells none
-
-class Links : public morvad::NetlinkReader {
- public:
-  void link(const morvad::LinkState& link) override { all.push_back(link); }
-  void link_gone(int) override {}
-  void bridge_port(int, int) override {}
-  void fdb(const morvad::FdbEntry&, bool) override {}
-  void arp(const morvad::ArpEntry&, bool) override {}
-
-  std::vector<morvad::LinkState> all;
-};
 
 std::string mac_of(const std::string& interface) {
   ifreq request{};
@@ -54,19 +44,19 @@ std::string mac_of(const std::string& interface) {
 
 /// The interfaces of the bridge, "swp2" before "swp10".
 std::vector<std::string> members(const std::string& bridge) {
-  Links links;
-  const std::string refusal = morvad::Netlink().dump_links(links);
+  morvad::Collector dump;
+  const std::string refusal = morvad::Netlink().dump_links(dump);
   if (!refusal.empty()) {
     throw Failure("rtnetlink: " + refusal);
   }
   const auto found =
-      std::find_if(links.all.begin(), links.all.end(),
+      std::find_if(dump.links.begin(), dump.links.end(),
                    [&bridge](const morvad::LinkState& each) { return each.name == bridge; });
-  if (found == links.all.end()) {
+  if (found == dump.links.end()) {
     throw Failure("there is no interface " + bridge);
   }
   std::vector<std::string> names;
-  for (const morvad::LinkState& each : links.all) {
+  for (const morvad::LinkState& each : dump.links) {
     if (each.master == found->index) {
       names.push_back(each.name);
     }

@@ -8,10 +8,10 @@ namespace {
 
 constexpr uint64_t kSecondNs = 1000000000;
 
-/// Bytes per second; 0 where the counter began anew in between.
+/// Bytes per second; 0 where the counter began anew in between. `elapsed_ns` is not 0.
 uint64_t rate(uint64_t before, uint64_t now, uint64_t elapsed_ns) {
   __extension__ typedef unsigned __int128 Wide;
-  return now < before || elapsed_ns == 0
+  return now < before
              ? 0
              : static_cast<uint64_t>(static_cast<Wide>(now - before) * kSecondNs / elapsed_ns);
 }
@@ -85,9 +85,14 @@ void KernelPort::leave() {
 }
 
 void KernelPort::sample(const LinkState& link, uint64_t now_ns) {
-  const uint64_t elapsed = now_ns - sampled_ns_;
-  sampled_.tx_rate = sampled_ns_ == 0 ? 0 : rate(sampled_.tx_bytes, link.tx_bytes, elapsed);
-  sampled_.rx_rate = sampled_ns_ == 0 ? 0 : rate(sampled_.rx_bytes, link.rx_bytes, elapsed);
+  if (sampled_ns_ != 0) {
+    if (now_ns <= sampled_ns_) {
+      return;
+    }
+    const uint64_t elapsed = now_ns - sampled_ns_;
+    sampled_.tx_rate = rate(sampled_.tx_bytes, link.tx_bytes, elapsed);
+    sampled_.rx_rate = rate(sampled_.rx_bytes, link.rx_bytes, elapsed);
+  }
   sampled_.tx_bytes = link.tx_bytes;
   sampled_.rx_bytes = link.rx_bytes;
   sampled_ns_ = now_ns;

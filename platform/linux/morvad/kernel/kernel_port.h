@@ -32,7 +32,8 @@ class KernelPort : public PortBinding {
   /// There is no interface any more.
   void leave();
 
-  /// Takes the counters as the end of an interval; rates are those of the last whole one.
+  /// Takes the counters as the end of an interval; rates are those of the last whole one. A second
+  /// sample at the same time changes nothing.
   void sample(const LinkState& link, uint64_t now_ns);
 
   const std::string& interface() const { return interface_; }

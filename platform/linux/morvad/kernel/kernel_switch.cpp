@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "platform/linux/morvad/kernel/collector.h"
 #include "platform/linux/morvad/kernel/kernel_port.h"
 #include "platform/linux/morvad/log.h"
 #include "platform/linux/morvad/management.h"
@@ -269,25 +270,8 @@ void KernelSwitch::announce_address(const std::string& ip, const Mac& mac) {
 
 // --- reading ----------------------------------------------------------------------------------
 
-namespace {
-
-/// Passes a dump of interfaces on, and notes which there are.
-class LinkCollector : public NetlinkReader {
- public:
-  void link(const LinkState& link) override { links.push_back(link); }
-  void link_gone(int) override {}
-  void bridge_port(int, int) override {}
-  void fdb(const FdbEntry& entry, bool) override { entries.push_back(entry); }
-  void arp(const ArpEntry&, bool) override {}
-
-  std::vector<LinkState> links;
-  std::vector<FdbEntry> entries;
-};
-
-}  // namespace
-
 void KernelSwitch::read_all() {
-  LinkCollector now;
+  Collector now;
   const std::string refusal = netlink_.dump_links(now);
   log_failure("interfaces", refusal);
   if (refusal.empty()) {
@@ -359,7 +343,7 @@ void KernelSwitch::agent_started() {
 std::string KernelSwitch::read_l2(std::vector<L2Entry>& out) {
   constexpr uint32_t kLearnt = 2;
   constexpr uint32_t kStatic = 1;
-  LinkCollector table;
+  Collector table;
   std::string refusal = netlink_.dump_fdb(table);
   for (const FdbEntry& entry : table.entries) {
     const PortPlace* place = place_of_index(entry.index);

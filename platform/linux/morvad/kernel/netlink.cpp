@@ -20,7 +20,6 @@ namespace morvad {
 namespace {
 
 constexpr int kReceiveBuffer = 1 << 20;  // bytes; the kernel may grant less
-constexpr int kDumpTries = 5;            // a table that changes while it is read is read again
 
 std::string reason(int result) {
   return result >= 0 ? std::string() : nl_geterror(result);
@@ -134,23 +133,19 @@ std::string Netlink::dump(int type, int family, NetlinkReader& reader) {
   if (!unusable_.empty()) {
     return unusable_;
   }
-  int result = 0;
-  for (int i = 0; i < kDumpTries; i++) {
+  return reason(read_dump(reader, [this, type, family, &reader] {
     // The kernel takes either header by its size; both begin with the family.
     ifinfomsg link{};
     ndmsg neighbour{};
     link.ifi_family = static_cast<unsigned char>(family);
     neighbour.ndm_family = static_cast<unsigned char>(family);
     const bool links = type == RTM_GETLINK;
-    result = nl_send_simple(socket_.get(), type, NLM_F_DUMP,
-                            links ? static_cast<void*>(&link) : static_cast<void*>(&neighbour),
-                            links ? sizeof link : sizeof neighbour);
-    result = result < 0 ? result : receive(socket_.get(), reader);
-    if (result != -NLE_DUMP_INTR) {
-      break;
-    }
-  }
-  return reason(result);
+    const int sent =
+        nl_send_simple(socket_.get(), type, NLM_F_DUMP,
+                       links ? static_cast<void*>(&link) : static_cast<void*>(&neighbour),
+                       links ? sizeof link : sizeof neighbour);
+    return sent < 0 ? sent : receive(socket_.get(), reader);
+  }));
 }
 
 std::string Netlink::dump_links(NetlinkReader& reader) {

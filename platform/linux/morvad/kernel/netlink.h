@@ -56,6 +56,8 @@ inline constexpr int kBridgeBlocking = 4;
 class NetlinkReader {
  public:
   virtual ~NetlinkReader() = default;
+  /// A dump begins, for the first time or once more: what it told before counts for nothing.
+  virtual void start_over() {}
   virtual void link(const LinkState& link) = 0;
   virtual void link_gone(int index) = 0;
   /// State of a bridge's port; negative: it left its bridge.

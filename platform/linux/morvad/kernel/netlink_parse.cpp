@@ -7,6 +7,7 @@
 #include <linux/if.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
+#include <netlink/errno.h>
 #include <netlink/route/link/bridge.h>
 #include <netlink/route/neighbour.h>
 
@@ -15,6 +16,8 @@
 
 namespace morvad {
 namespace {
+
+constexpr int kDumpTries = 5;
 
 /// States of a neighbour whose address is known.
 constexpr int kKnown = NUD_REACHABLE | NUD_STALE | NUD_DELAY | NUD_PROBE | NUD_PERMANENT;
@@ -113,6 +116,15 @@ LinkState link_state(rtnl_link* link) {
   out.rx_bytes = rtnl_link_get_stat(link, RTNL_LINK_RX_BYTES);
   out.fcs_errors = rtnl_link_get_stat(link, RTNL_LINK_RX_CRC_ERR);
   return out;
+}
+
+int read_dump(NetlinkReader& reader, const std::function<int()>& once) {
+  int result = -NLE_DUMP_INTR;
+  for (int i = 0; i < kDumpTries && result == -NLE_DUMP_INTR; i++) {
+    reader.start_over();
+    result = once();
+  }
+  return result;
 }
 
 void read_message(nl_msg* message, NetlinkReader& reader) {
