@@ -86,6 +86,8 @@ void fuzz_agent_rest() {
   g_qel_gw = {};
   g_qel_dev.conf_busy = 0;
   g_qel_dev.sys_active = 0;
+  g_qel_dev.enable = 1;
+  fake::firmware() = {};
   fake::clear_records();
 }
 

@@ -18,6 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fake::receive_local(fake::last_socket(AF_UNIX), text);
   fake::run_reads();
   fake::tick(kSeconds);
+  fuzz_agent_expect_alive();
   fuzz_agent_rest();
   return 0;
 }

@@ -45,6 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   link.addrlen = kQelUdpAddrlen;
   qel_cmd_send_update(&link, nullptr);
   fake::tick(2);
+  fuzz_agent_expect_alive();
   fuzz_agent_rest();
   return 0;
 }

@@ -27,28 +27,34 @@ MESSAGES = [
     '{"mac":"gw","cmd":"get","subcmd":"ports_client","data":{}}',
     '{"mac":"gw","cmd":"get","subcmd":"ports_stats","data":{}}',
     '{"mac":"gw","cmd":"get","subcmd":"qelipc","data":{"mdl":"m","cmd":"c","data":{"a":1}}}',
-    '{"mac":"gw","cmd":"set","subcmd":"ports_conf","data":{"ge1":{"enable":1,"speed":"1G"}}}',
-    '{"mac":"gw","cmd":"set","subcmd":"port_enable","data":{"name":"ge1","enable":0}}',
-    '{"mac":"gw","cmd":"set","subcmd":"port_speed","data":{"name":"ge1","speed":"100M-F"}}',
-    '{"mac":"gw","cmd":"set","subcmd":"port_restart","data":{"name":"ge1","ports":"ge1 ge2"}}',
+    '{"mac":"gw","cmd":"set","subcmd":"ports_conf","data":{"ge1":[1,"AN",1,0,0,0,1,1]}}',
+    '{"mac":"gw","cmd":"set","subcmd":"port_enable","data":{"ge1":0}}',
+    '{"mac":"gw","cmd":"set","subcmd":"port_speed","data":{"ge1":"100M-F"}}',
+    '{"mac":"gw","cmd":"set","subcmd":"port_restart","data":{"ge1":5}}',
     '{"mac":"gw","cmd":"set","subcmd":"sys_ip","data":{"sys_ip":"192.168.1.9","sys_mask":24,'
     '"dhcp":0,"gateway":"192.168.1.1"}}',
-    '{"mac":"gw","cmd":"set","subcmd":"sys_time","data":{"timestamp":1700000000}}',
-    '{"mac":"gw","cmd":"set","subcmd":"hfs_upgrade","data":{"url":"http://h/f.trx"}}',
+    '{"mac":"gw","cmd":"set","subcmd":"sys_time","data":{"timestamp":"1700000000"}}',
+    '{"mac":"gw","cmd":"set","subcmd":"hfs_upgrade","data":{"upgrade_serverinfo":'
+    '"http://192.168.1.1:8080/f.trx"}}',
     '{"mac":"gw","cmd":"set","subcmd":"sys_reboot","data":{}}',
     '{"mac":"gw","cmd":"set","subcmd":"config_reset","data":{}}',
     '{"mac":"gw","cmd":"set","subcmd":"sys_active","data":{"sys_active":-5}}',
     '{"mac":"gw","cmd":"set","subcmd":"config_upload","data":{"idx":0,"index":0}}',
     '{"mac":"gw","cmd":"set","subcmd":"config_upload","data":{"idx":-2147483648}}',
     '{"mac":"gw","cmd":"set","subcmd":"name","data":{"name":"desk"}}',
-    '{"mac":"gw","cmd":"set","subcmd":"config_download","data":{"index":0,"next":1,"length":4,'
+    '{"mac":"gw","cmd":"update","subcmd":"config_download","data":{"index":0,"next":1,"length":4,'
     '"total_length":8,"crc":1,"file":"f"}}\0abcd',
-    '{"mac":"gw","cmd":"set","subcmd":"firm_download","data":{"index":0,"next":1,"length":4,'
+    '{"mac":"gw","cmd":"update","subcmd":"firm_download","data":{"index":0,"next":1,"length":4,'
     '"total_length":8,"file":"f"}}\0abcd',
-    '{"mac":"gw","cmd":"set","subcmd":"config_download","data":{"index":0,"length":-1,'
+    '{"mac":"gw","cmd":"update","subcmd":"config_download","data":{"index":0,"length":-1,'
     '"total_length":2147483647}}',
     "[" * 1568,
     '{"a":' * 260,
+    '{"mac":"gw","cmd":"set","subcmd":"hfs_upgrade","data":{"upgrade_serverinfo":"http://h/x;reboot"}}',
+    '{"mac":"gw","cmd":"set","subcmd":"hfs_upgrade","data":{"upgrade_serverinfo":"-O/etc/passwd"}}',
+    '{"mac":"gw","cmd":"set","subcmd":"hfs_upgrade","data":{"upgrade_serverinfo":"h/$(reboot) `x`"}}',
+    '{"mac":"gw","cmd":"set","subcmd":"hfs_upgrade","data":{"upgrade_serverinfo":"' + "h/" * 200 + '"}}',
+    '{"mac":"gw","cmd":"set","subcmd":"sys_time","data":{"timestamp":"-99999999999999999999;x"}}',
 ]
 
 EVENTS = [
@@ -59,9 +65,10 @@ EVENTS = [
     '{"type":"lldp_del"}',
     '{"type":"dhcpsnoop_add","port":"ge1","mac":"00:11:22:33:44:55","ip":"192.168.1.7"}',
     '{"type":"arpsnoop_add","port":"ge2","mac":"00:11:22:33:44:55","ip":"192.168.1.7"}',
-    '{"type":"poe_update","pwroccu":42}',
+    '{"type":"poe_update","pwroccu":42,"data":[{"name":"ge1","power":7,"power_max":30,"poe_priority":2},'
+    '{"name":"ge2"},{"name":"nobody"}]}',
     '{"type":"onvif_discover","data":[{"ip":"192.168.1.7"}]}',
-    '{"type":"cldm_conf","data":{"a":1}}',
+    '{"type":"cldm_conf","qel_enable":0}',
 ]
 
 REPLIES = [
