@@ -306,6 +306,10 @@ bool is_open(int fd);
 // "fseek <path>".
 void fail_os(const std::string& function, int error, int skip = 0, int times = 1 << 30);
 
+// The next write to the file of that path stores its first `count` bytes only, as on a disk that
+// fills up.
+void cut_write(const std::string& path, size_t count);
+
 // Writes all frames sent since the last clear as a capture file. False when it cannot.
 bool write_pcap(const std::string& path);
 

@@ -30,6 +30,7 @@ struct State {
   int shell_status = 0;
   std::function<int(const std::string&)> shell_hook;
   std::map<std::string, Failure> failures;
+  std::map<std::string, size_t> cut_writes;  // bytes of the next write, by path
 };
 
 State& state() {
@@ -67,6 +68,12 @@ ssize_t write_file(void* cookie, const char* data, size_t size) {
   }
   if (fake::internal::os_fails("fwrite " + file.path)) {
     return 0;
+  }
+  const auto cut = state().cut_writes.find(file.path);
+  if (cut != state().cut_writes.end()) {
+    size = std::min(size, cut->second);
+    state().cut_writes.erase(cut);
+    errno = ENOSPC;
   }
   if (file.append) {
     file.position = file.bytes.size();
@@ -189,6 +196,10 @@ std::string console_text() {
 
 void fail_os(const std::string& function, int error, int skip, int times) {
   state().failures[function] = {error, skip, times};
+}
+
+void cut_write(const std::string& path, size_t count) {
+  state().cut_writes[path] = count;
 }
 
 void set_file(const std::string& path, std::string_view bytes) {

@@ -15,6 +15,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 using testing::SizeIs;
 
 constexpr char kArchive[] = "/var/conf/getconf.tar.gz";
@@ -159,8 +160,9 @@ TEST_F(ConfUploadTest, PackingThatFailsIsAnsweredWithStateZero) {
             R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"config_upload","data":{"state":0,)"
             R"("idx":3,"length":0,"next":0,"total_length":0,"crc":0}})");
   EXPECT_EQ(g_qel_dev.conf_busy, 1);
-  EXPECT_THAT(fake::console_text(), HasSubstr("[qel_api_get_conf_bin,"));
-  EXPECT_THAT(fake::console_text(), HasSubstr("ret[-1]\n"));
+  EXPECT_THAT(fake::console(),
+              ElementsAre(MatchesRegex("\\[qel_api_get_conf_bin,[0-9]+\\] \n"),
+                          MatchesRegex("\\[qel_json_conf_get,[0-9]+\\] ret\\[-1\\]\n")));
 }
 
 TEST_F(ConfUploadTest, ArchiveThatCannotBeOpenedIsNotAnsweredAndStaysBusy) {
@@ -170,7 +172,8 @@ TEST_F(ConfUploadTest, ArchiveThatCannotBeOpenedIsNotAnsweredAndStaysBusy) {
   EXPECT_THAT(told, HasSubstr("Failed to open file: No such file or directory\n"));
   EXPECT_THAT(fake::sent(), IsEmpty());
   EXPECT_EQ(g_qel_dev.conf_busy, 1);
-  EXPECT_THAT(fake::console_text(), HasSubstr("[qel_cmd_handle_conf_get,"));
+  EXPECT_THAT(fake::console(),
+              ElementsAre(MatchesRegex("\\[qel_cmd_handle_conf_get,[0-9]+\\] \n")));
 }
 
 TEST_F(ConfUploadTest, ShellThatCannotBeRunIsAFailedPacking) {
