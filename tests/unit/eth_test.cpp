@@ -19,6 +19,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 using testing::SizeIs;
 using testing::StartsWith;
 
@@ -335,6 +336,18 @@ TEST_F(EthFrameTest, TraceTellsTheGatewayAndTheText) {
   g_qel_dev.debug = 32;
   receive("[]");
   EXPECT_THAT(fake::console(), ElementsAre("gwmac[02:00:5e:10:20:30] data=[]  \r\n"));
+}
+
+TEST_F(EthFrameTest, CommandIsTracedFrameFirstThenVerbThenItsAnswer) {
+  g_qel_dev.debug = 32;
+  receive(R"({"mac":"m","cmd":"ping","subcmd":"ping","data":{}})");
+  EXPECT_THAT(fake::console(),
+              ElementsAre("gwmac[02:00:5e:10:20:30] "
+                          "data={\"mac\":\"m\",\"cmd\":\"ping\",\"subcmd\":\"ping\",\"data\":{}}"
+                          "  \r\n",
+                          "cmd ping subcmd ping mac=m \r\n",
+                          MatchesRegex("\\[qel_cmd_send,[0-9]+\\] send start \n"),
+                          MatchesRegex("\\[qel_cmd_send,[0-9]+\\] send ok \n")));
 }
 
 TEST_F(EthFrameTest, WithoutTheTraceBitNothingIsTraced) {

@@ -282,6 +282,17 @@ TEST_F(GatewayTest, TrapIsTracedForEachGateway) {
               ElementsAre("qel_gw_trap name[a] buf[{}] \n", "qel_gw_trap name[b] buf[{}] \n"));
 }
 
+TEST_F(GatewayTest, TrapIsNotTracedByOtherBits) {
+  g_qel_dev.debug = 255 - 4;
+  probe("a");
+  fake::clear_records();
+  qel_gw_trap("{}", 2);
+  EXPECT_THAT(fake::sent(), SizeIs(1));
+  // What the sending itself tells stays.
+  EXPECT_THAT(fake::console(), ElementsAre(MatchesRegex("\\[qel_cmd_send,[0-9]+\\] send start \n"),
+                                           MatchesRegex("\\[qel_cmd_send,[0-9]+\\] send ok \n")));
+}
+
 TEST_F(GatewayTest, TrapToAUdpGatewayIsADatagram) {
   const qel_link link = udp_link("10.1.2.3", 33333);
   qel_gw_update("u", 1, &link);

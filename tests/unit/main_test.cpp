@@ -337,6 +337,15 @@ TEST_F(MainTest, ManagerThatConnectsBackIsReadWithTheSameClient) {
   EXPECT_THAT(fake::calls(), Contains("uclient_trunk_set(ge1, 5)"));
 }
 
+TEST_F(MainTest, ListeningReadReturnsZeroAndMinusOneWhenTheAcceptFails) {
+  run();
+  thread readable{fake::master(), fake::uclient(), fake::uclient()->listen_fd};
+  fake::connect_to(readable.fd);
+  EXPECT_EQ(qel_serv(&readable), 0);
+  fake::fail_os("accept", EMFILE, 0, 1);
+  EXPECT_EQ(qel_serv(&readable), -1);
+}
+
 TEST_F(MainTest, AcceptThatFailsIsLoggedAndListeningContinues) {
   run();
   const int listening = fake::uclient()->listen_fd;

@@ -202,6 +202,16 @@ TEST_F(UdpLinkTest, TracesTellAddressLengthSenderAndText) {
                                            "udp........retcount:3, recvbuf:[1]  \n"));
 }
 
+TEST_F(UdpLinkTest, TraceOfADatagramComesBehindThoseOfItsCommand) {
+  g_qel_dev.debug = 48;
+  receive_datagram(R"({"mac":"m","cmd":"get","subcmd":"none"})", "192.168.1.77", 51234);
+  EXPECT_THAT(
+      fake::console(),
+      ElementsAre("cmd get subcmd none mac=m \r\n", "recvlen:16,IP:192.168.1.77,Port:51234 \n",
+                  "udp........retcount:39, recvbuf:"
+                  "{\"mac\":\"m\",\"cmd\":\"get\",\"subcmd\":\"none\"}  \n"));
+}
+
 TEST_F(UdpLinkTest, OtherTraceBitsTellNothing) {
   g_qel_dev.debug = 255 - 16;
   receive_datagram("[1]");
