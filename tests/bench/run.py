@@ -3,6 +3,7 @@
 
 The results go to build/bench/results.json (every round's figure), to standard output as tables, and
 with --write between the markers of docs/performance.md. --from takes the figures of an earlier run.
+Ends with status 1 when a target is missed, but not with --quick, whose figures say nothing.
 """
 
 import argparse
@@ -280,7 +281,11 @@ def main():
     print("\n".join(lines))
     if options.write:
         write_document(lines)
+    missed = [what for what, _, _, met in targets(result) if not met]
+    for what in missed:
+        print(f"target missed: {what}", file=sys.stderr)
+    return 1 if missed and not options.quick else 0
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())
