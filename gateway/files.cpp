@@ -54,7 +54,8 @@ void sync_folder(const std::string& path) {
 }  // namespace
 
 std::vector<uint8_t> read_file(const std::string& path, uint64_t most) {
-  const FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  // A pipe that nobody writes to is refused below, not waited for.
+  const FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   struct stat info = {};
   if (!fd || ::fstat(fd.get(), &info) != 0) {
     fail("open", path);
@@ -84,8 +85,27 @@ std::vector<uint8_t> read_file(const std::string& path, uint64_t most) {
   return bytes;
 }
 
+std::string file_to_write(const std::string& path) {
+  constexpr int kMostLinks = 40;  // as many as the system follows
+  struct stat info = {};
+  if (::stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+    throw Error(fmt::format("{} is no regular file", terminal_text(path)));
+  }
+  std::filesystem::path file = path;
+  for (int links = 0; ::lstat(file.c_str(), &info) == 0 && S_ISLNK(info.st_mode); ++links) {
+    std::error_code failed;
+    const auto target = std::filesystem::read_symlink(file, failed);
+    if (failed || links == kMostLinks) {
+      throw Error(fmt::format("{} is a link that leads nowhere", terminal_text(path)));
+    }
+    file = file.parent_path() / target;  // a target from the root on stands for itself
+  }
+  return file.string();
+}
+
 void write_file(const std::string& path, std::span<const uint8_t> bytes) {
-  std::string temporary = path + ".part-XXXXXX";
+  const std::string file = file_to_write(path);
+  std::string temporary = file + ".part-XXXXXX";
   const FileDescriptor fd(::mkostemp(temporary.data(), O_CLOEXEC));
   if (!fd) {
     fail("create", temporary);
@@ -94,14 +114,14 @@ void write_file(const std::string& path, std::span<const uint8_t> bytes) {
   ::umask(mask);
   constexpr mode_t kMode = 0640;  // a configuration holds secrets
   const bool whole = ::fchmod(fd.get(), kMode & ~mask) == 0 && write_all(fd.get(), bytes) &&
-                     ::fsync(fd.get()) == 0 && ::rename(temporary.c_str(), path.c_str()) == 0;
+                     ::fsync(fd.get()) == 0 && ::rename(temporary.c_str(), file.c_str()) == 0;
   if (!whole) {
     const int reason = errno;
     ::unlink(temporary.c_str());
     errno = reason;
     fail("write", path);
   }
-  sync_folder(path);
+  sync_folder(file);
 }
 
 std::string plain_file_name(const std::string& path) {

@@ -29,11 +29,15 @@ namespace fs = std::filesystem;
 constexpr Duration kChunkPatience{6000};
 constexpr Duration kRestartPatience{30000};
 
+bool is_folder(const std::string& file) {
+  std::error_code ignored;
+  return fs::is_directory(file, ignored);
+}
+
 // Where the backup of each switch goes: FILE itself for one, FILE/<mac>.tar.gz when FILE is a
 // folder. Several into one file would leave the last.
 std::string backup_path(const std::string& file, const Switch& one, size_t count) {
-  std::error_code ignored;
-  if (fs::is_directory(file, ignored)) {
+  if (is_folder(file)) {
     return (fs::path(file) / (mac_text(one.mac) + ".tar.gz")).string();
   }
   if (count > 1) {
@@ -69,9 +73,12 @@ ExitCode run_backup(Context& context, const std::string& file) {
       return std::vector<std::string>{upload_text(mac, 0)};
     });
   }
+  if (!is_folder(file)) {
+    file_to_write(file);
+  }
   const auto switches = selected(context, Search::Quick);
   for (const Switch& one : switches) {
-    backup_path(file, one, switches.size());
+    file_to_write(backup_path(file, one, switches.size()));
   }
   return transfer_each(
       context, "backup", switches, [&](const Switch& one, const ProgressSink& progress) {
@@ -136,9 +143,9 @@ ExitCode run_restore(Context& context, const std::string& file, int come_back) {
     return dry_push(context, push, true);
   }
   const auto switches = selected(context);
-  const std::string question =
-      fmt::format("Replace the whole configuration of {} by {} ({} files) and restart?",
-                  who(switches), terminal_text(file), members.size());
+  const std::string question = fmt::format(
+      "Replace the whole configuration of {} by {} ({} file{}) and restart?", who(switches),
+      terminal_text(file), members.size(), members.size() == 1 ? "" : "s");
   if (!confirmed(context, question)) {
     return ExitCode::Failed;
   }

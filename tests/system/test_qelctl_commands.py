@@ -156,6 +156,23 @@ def test_an_option_that_is_not_there_ends_with_2(qelctl, files, command):
     assert result.stdout == "" and "--frobnicate" in result.stderr
 
 
+def test_what_is_no_regular_file_is_refused_before_anybody_is_asked(dead_wire, tmp_path):
+    os.mkfifo(tmp_path / "pipe")
+    os.symlink("pipe", tmp_path / "link")
+    for name in ("pipe", "link"):
+        file = tmp_path / name
+        assert dead_wire("backup", file, status=1).stderr == f"qelctl: {file} is no regular file\n"
+        assert dead_wire("restore", file, status=1, timeout=10).stderr == f"qelctl: {file} is no regular file\n"
+    assert (tmp_path / "pipe").is_fifo()
+
+
+def test_a_backup_goes_where_a_link_leads(qelctl, tmp_path):
+    os.symlink("target.tar.gz", tmp_path / "link.tar.gz")
+    qelctl("backup", tmp_path / "link.tar.gz")
+    assert (tmp_path / "link.tar.gz").is_symlink()
+    assert tarfile.open(tmp_path / "target.tar.gz").getnames() == ["nvram.conf"]
+
+
 def test_refusals_end_with_1(qelctl):
     """What a switch refuses or does not do: a set, a transfer; a query has no such answer."""
     assert "not taken" in qelctl("--timeout", "0.5", "port", "speed", "ge1", "10G", status=1).stdout
