@@ -6,6 +6,7 @@
 #define MORVA_LINUX_MORVAD_KERNEL_ETHTOOL_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -20,14 +21,24 @@ struct EthtoolLink {
   bool fibre = false;
 };
 
+/// Hands one of the kernel's ethtool records to the driver of `interface`, which answers in its
+/// place. 0, or the errno of a refusal. `record` begins with the command and has room for the
+/// longest answer.
+using EthtoolCall = std::function<int(const std::string& interface, void* record)>;
+
+/// The kernel's own.
+int ethtool_ioctl(const std::string& interface, void* record);
+
 /// What the driver of `interface` tells. "" when done, else why not.
-std::string ethtool_read(const std::string& interface, EthtoolLink& out);
+std::string ethtool_read(const std::string& interface, EthtoolLink& out,
+                         const EthtoolCall& call = ethtool_ioctl);
 
 /// Configures a speed by its code (port.h): 0 negotiates everything that is supported. A code that
 /// leaves the duplex open, or a speed that exists only negotiated, is negotiated as the only
 /// choice.
 /// "" when done, else why not.
-std::string ethtool_set_speed(const std::string& interface, int code);
+std::string ethtool_set_speed(const std::string& interface, int code,
+                              const EthtoolCall& call = ethtool_ioctl);
 
 /// Received pause frames, by ethtool's netlink family.
 class PauseFrames {

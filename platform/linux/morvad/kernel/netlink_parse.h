@@ -20,6 +20,13 @@ LinkState link_state(rtnl_link* link);
 /// of the last, -NLE_DUMP_INTR, and `reader` has what the last told.
 int read_dump(NetlinkReader& reader, const std::function<int()>& once);
 
+/// Asks ethtool's netlink family, `family`, for the pause frames of the interface `index`. False:
+/// no room.
+bool put_pause_request(nl_msg* message, int family, int index);
+
+/// Received pause frames as one answer tells them; 0 where it does not.
+uint64_t read_pause_answer(nl_msg* message);
+
 /// Hands one message of the kernel to `reader`; one that is of no interest is passed over.
 void read_message(nl_msg* message, NetlinkReader& reader);
 
