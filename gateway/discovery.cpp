@@ -7,6 +7,8 @@
 
 #include <fmt/format.h>
 
+#include "gateway/error.h"
+
 namespace qel_gateway {
 
 namespace {
@@ -98,8 +100,14 @@ Task<Discovery> discover(Session& session, DiscoveryOptions options) {
   auto before = session.on_bad_reply([&found](const Peer& from, const std::string& why) {
     note_fault(found, fmt::format("an answer of {} cannot be read: {}", display(from), why));
   });
-  auto wait = session.ask(std::move(question));
-  const Outcome outcome = co_await wait;
+  Outcome outcome = Outcome::Silent;
+  try {
+    auto wait = session.ask(std::move(question));
+    outcome = co_await wait;
+  } catch (const Error&) {
+    session.on_bad_reply(std::move(before));
+    throw;
+  }
   session.on_bad_reply(std::move(before));
   found.interrupted = outcome == Outcome::Interrupted;
   std::ranges::sort(found.switches, {}, &Switch::mac);

@@ -145,16 +145,23 @@ class EthernetTransport : public Transport {
                       "{} mtu {}\" makes room",
                       frame.size(), interface_.mtu, name_, name_, kNeededMtu));
     }
+    if (errno == ENETDOWN) {
+      down_ = true;  // the socket says it once, and everybody has to hear it
+      throw went_down();
+    }
     throw Error(fmt::format("cannot send on {}: {}", name_, os_error()));
   }
 
   std::optional<Incoming> receive(TimePoint deadline) override {
+    if (down_) {
+      throw went_down();
+    }
     ssize_t size = ::recv(fd_.get(), buffer_.data(), buffer_.size(), 0);
     if (size < 0 && errno == EAGAIN && wait_readable(fd_.get(), wake_fd_, deadline)) {
       size = ::recv(fd_.get(), buffer_.data(), buffer_.size(), 0);
     }
     if (size < 0 && errno == ENETDOWN) {
-      throw Error(fmt::format("interface {} went down", name_));
+      throw went_down();
     }
     if (size <= 0) {
       return std::nullopt;
@@ -204,6 +211,8 @@ class EthernetTransport : public Transport {
   void wake_on(int fd) override { wake_fd_ = fd; }
 
  private:
+  Error went_down() const { return Error(fmt::format("interface {} went down", name_)); }
+
   void listen(uint16_t protocol) {
     sockaddr_ll address = {};
     address.sll_family = AF_PACKET;
@@ -218,6 +227,7 @@ class EthernetTransport : public Transport {
   FileDescriptor fd_;
   Interface interface_;
   int wake_fd_ = -1;
+  bool down_ = false;
   std::array<uint8_t, kReceiveSize> buffer_{};
 };
 

@@ -98,11 +98,31 @@ std::span<const uint8_t> bytes_of(const Push& push, const PlannedChunk& chunk) {
 // The words for an archive push that ended early, after the switch was told to forget it.
 Task<std::string> gave_up(Session& session, const Switch& one, const Push& push, std::string why,
                           Duration patience) {
-  const bool forgotten = co_await forget(session, one, push, patience);
+  bool forgotten = false;
+  try {
+    forgotten = co_await forget(session, one, push, patience);
+  } catch (const std::runtime_error&) {
+    // The wire is gone, or nobody waits any more: then it was not told.
+  }
   co_return fmt::format("{}; {}", why,
                         forgotten ? "nothing was applied"
                                   : "the switch may hold a part of the archive, but applies none "
                                     "of it before another restore");
+}
+
+// Else the first chunk would be appended to what an earlier gateway left.
+Task<void> begin_archive(Session& session, const Switch& one, const Push& push, Duration patience) {
+  bool fresh = false;
+  try {
+    fresh = co_await forget(session, one, push, patience);
+  } catch (const Interrupted&) {
+    throw Interrupted("interrupted; nothing was applied");
+  } catch (const Error& error) {
+    throw Error(fmt::format("{}; nothing was applied", error.what()), error.code());
+  }
+  if (!fresh) {
+    throw Error("no answer; nothing was sent", ExitCode::NoAnswer);
+  }
 }
 
 void check_archive_answer(const std::optional<ChunkAnswer>& answer, const PlannedChunk& chunk) {
@@ -191,19 +211,17 @@ Task<void> push_archive(Session& session, const Switch& one, Push push, Duration
                         ProgressSink progress) {
   require_chunks(session);
   const auto chunks = plan_chunks(mac_text(one.mac), push, session.transport().max_message());
-  // Else the first chunk would be appended to what an earlier gateway left.
-  const bool fresh = co_await forget(session, one, push, patience);
-  if (!fresh) {
-    throw Error("no answer; nothing was sent", ExitCode::NoAnswer);
-  }
+  co_await begin_archive(session, one, push, patience);
   int64_t index = 0;
   for (const PlannedChunk& chunk : chunks) {
     std::string trouble;
     ExitCode code = ExitCode::Failed;
     const ChunkQuestion question{&chunk.text, bytes_of(push, chunk), push.subject,
                                  chunk.last ? 0 : index + 1, 1};
+    bool ended = false;
     try {
       const auto answer = co_await send_chunk(session, one, question, patience);
+      ended = true;
       check_archive_answer(answer, chunk);
     } catch (const Interrupted&) {
       const std::string text = forget_text(mac_text(one.mac), push);
@@ -215,6 +233,9 @@ Task<void> push_archive(Session& session, const Switch& one, Push push, Duration
     } catch (const Error& error) {
       trouble = error.what();
       code = error.code();
+      if (chunk.last && !ended) {
+        trouble += " at the last chunk: whether the archive was applied is not known";
+      }
     }
     if (!trouble.empty()) {
       if (!chunk.last) {
@@ -243,6 +264,12 @@ Task<void> push_firmware(Session& session, const Switch& one, Push push, Duratio
       throw Interrupted(chunk.last ? "interrupted at the last chunk: whether the upgrade began is "
                                      "not known"
                                    : "interrupted; nothing was upgraded");
+    } catch (const Error& error) {
+      throw Error(
+          fmt::format("{}{}", error.what(),
+                      chunk.last ? " at the last chunk: whether the upgrade began is not known"
+                                 : "; nothing was upgraded"),
+          error.code());
     }
     check_firmware_answer(answer, chunk);
     progress(chunk.offset + chunk.length, push.bytes->size());

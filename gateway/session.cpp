@@ -10,7 +10,7 @@
 
 namespace qel_gateway {
 
-struct Session::Exchange {
+struct Session::Exchange : std::enable_shared_from_this<Exchange> {
   Question question;
   TimePoint resend;  // when the question goes out again
   TimePoint deadline;
@@ -20,7 +20,8 @@ struct Session::Exchange {
   bool joint = false;                 // no question and no time: waits for other tasks
   bool finished = false;
   Outcome outcome = Outcome::Silent;
-  std::coroutine_handle<> waiter;
+  std::exception_ptr failure;      // of the wire; what the waiter is thrown
+  std::coroutine_handle<> waiter;  // empty again when it is resumed or gone
 };
 
 namespace {
@@ -87,15 +88,16 @@ void Session::Wait::await_suspend(std::coroutine_handle<> waiter) {
 }
 
 Outcome Session::Wait::await_resume() const {
+  if (exchange_->failure) {
+    std::rethrow_exception(exchange_->failure);
+  }
   return exchange_->outcome;
 }
 
 Session::Wait Session::ask(Question question) {
   auto exchange = std::make_shared<Exchange>();
   exchange->question = std::move(question);
-  if (interrupted_) {
-    exchange->finished = true;
-    exchange->outcome = Outcome::Interrupted;
+  if (stopped(*exchange)) {
     return Wait(exchange);
   }
   exchange->sends_left = std::max(exchange->question.sends, 1);
@@ -111,13 +113,21 @@ Session::Wait Session::sleep(Duration duration) {
   auto exchange = std::make_shared<Exchange>();
   exchange->asleep = true;
   exchange->deadline = now() + duration;
-  if (interrupted_) {
-    exchange->finished = true;
-    exchange->outcome = Outcome::Interrupted;
-  } else {
+  if (!stopped(*exchange)) {
     exchanges_.push_back(exchange);
   }
   return Wait(exchange);
+}
+
+// Finishes a new exchange of a session that an interrupt or the end of the wire has stopped.
+bool Session::stopped(Exchange& exchange) const {
+  if (!interrupted_ && !failure_) {
+    return false;
+  }
+  exchange.finished = true;
+  exchange.outcome = Outcome::Interrupted;
+  exchange.failure = interrupted_ ? nullptr : failure_;
+  return true;
 }
 
 void Session::wake_sleepers() {
@@ -192,7 +202,14 @@ void Session::finish(Exchange& exchange, Outcome outcome) {
   exchange.finished = true;
   exchange.outcome = outcome;
   if (exchange.waiter) {
-    ready_.push_back(exchange.waiter);
+    ready_.push_back(exchange.shared_from_this());
+  }
+}
+
+void Session::fail(Exchange& exchange, const std::exception_ptr& failure) {
+  if (!exchange.finished) {
+    exchange.failure = failure;
+    finish(exchange, Outcome::Silent);
   }
 }
 
@@ -200,8 +217,11 @@ void Session::resume_ready() {
   while (!ready_.empty()) {
     std::erase_if(exchanges_, [](const auto& exchange) { return exchange->finished; });
     const auto batch = std::exchange(ready_, {});
-    for (const auto handle : batch) {
-      handle.resume();
+    for (const auto& exchange : batch) {
+      // Empty when the waiter was destroyed since: by a task resumed before, or by an exception.
+      if (const auto waiter = std::exchange(exchange->waiter, {})) {
+        waiter.resume();
+      }
     }
     for (auto task = spawned_.begin(); task != spawned_.end();) {
       if (!task->done()) {
@@ -231,6 +251,9 @@ void Session::check_interrupt() {
 TimePoint Session::next_deadline() const {
   TimePoint next = TimePoint::max();
   for (const auto& exchange : exchanges_) {
+    if (exchange->finished) {
+      continue;  // its waiter has other things to wait for first
+    }
     next = std::min(next, exchange->deadline);
     if (exchange->sends_left > 0) {
       next = std::min(next, exchange->resend);
@@ -248,9 +271,27 @@ void Session::serve_timers() {
     if (time >= exchange->deadline) {
       finish(*exchange, Outcome::Silent);
     } else if (exchange->sends_left > 0 && time >= exchange->resend) {
-      transmit(*exchange);
+      try {
+        transmit(*exchange);
+      } catch (const Error&) {
+        fail(*exchange, std::current_exception());
+      }
     }
   }
+}
+
+std::optional<Incoming> Session::receive() {
+  try {
+    return transport_.receive(next_deadline());
+  } catch (const Error&) {
+    failure_ = std::current_exception();
+  }
+  for (const auto& exchange : exchanges_) {
+    if (!exchange->joint) {
+      fail(*exchange, failure_);
+    }
+  }
+  return std::nullopt;
 }
 
 bool Session::offer(const Reply& reply, Exchange& exchange) {
@@ -325,8 +366,7 @@ void Session::loop(const std::function<bool()>& done) {
     if (done()) {
       return;
     }
-    const TimePoint deadline = next_deadline();
-    auto incoming = transport_.receive(deadline);
+    auto incoming = receive();
     if (wake_) {
       wake_();
     }

@@ -6,10 +6,14 @@
 // A reply belongs to a question when it comes from the switch that was asked (the sender of the
 // frame as well as the "mac" in the text) and is about the subject of the question. What belongs
 // to no question is handed to the unasked-for handler: the traps, and other people's answers.
+//
+// When the wire is gone, every wait throws the Error that says so, and so does every later one:
+// each talk ends by itself and can say how far it came.
 #pragma once
 
 #include <coroutine>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <list>
 #include <memory>
@@ -145,6 +149,9 @@ class Session {
   void loop(const std::function<bool()>& done);
   void resume_ready();
   void deliver(Incoming incoming);
+  std::optional<Incoming> receive();
+  bool stopped(Exchange& exchange) const;
+  void fail(Exchange& exchange, const std::exception_ptr& failure);
   bool offer(const Reply& reply, Exchange& exchange);
   void serve_timers();
   TimePoint next_deadline() const;
@@ -156,7 +163,7 @@ class Session {
   Transport& transport_;
   const Clock& clock_;
   std::list<std::shared_ptr<Exchange>> exchanges_;
-  std::vector<std::coroutine_handle<>> ready_;
+  std::vector<std::shared_ptr<Exchange>> ready_;  // finished ones with a waiter
   std::list<Task<void>> spawned_;
   std::function<void(const Reply&)> unasked_;
   std::function<void(const Peer&, const std::string&)> overheard_;
@@ -164,6 +171,7 @@ class Session {
   std::function<bool()> interrupt_;
   std::function<void()> wake_;
   bool interrupted_ = false;
+  std::exception_ptr failure_;  // of the wire
   uint32_t tick_ = 0;
 };
 

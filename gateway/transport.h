@@ -44,6 +44,7 @@ class Transport {
 
   // The next message that came in. Waits until `deadline` at the most; nothing when the time is
   // up, when what came in is no message, or when a descriptor given to wake_on() became readable.
+  // Throws Error when the wire is gone, also when send() met with that first.
   virtual std::optional<Incoming> receive(TimePoint deadline) = 0;
 
   // Everybody on this wire: the group address, or the one UDP host.

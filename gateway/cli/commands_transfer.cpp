@@ -118,20 +118,24 @@ Task<Transferred> restore(Context& context, const Switch& one, Push push, int co
   co_await push_archive(context.session(), one, push, context.patience(kChunkPatience),
                         std::move(progress));
   EffectReport report{Effect::Unseen, "its restart was not waited for"};
+  bool watched = false;
   try {
     report =
         co_await await_restart(context.session(), one, std::move(mark),
                                context.patience(kRestartPatience), std::chrono::seconds(come_back));
+    watched = true;
   } catch (const Interrupted&) {
     // The archive is there all the same, and the summary has to say so.
+  } catch (const Error& error) {
+    report.detail = error.what();
   }
   Transferred done;
   done.words = fmt::format("the switch has all of the archive; {}", report.detail);
   done.json["bytes"] = push.bytes->size();
   done.json["restart"] = effect_word(report.effect);
-  done.code = report.effect == Effect::Took     ? ExitCode::Done
-              : report.effect == Effect::Silent ? ExitCode::NoAnswer
-                                                : ExitCode::Failed;
+  done.code = report.effect == Effect::Silent                 ? ExitCode::NoAnswer
+              : report.effect == Effect::NotTaken || !watched ? ExitCode::Failed
+                                                              : ExitCode::Done;
   co_return done;
 }
 

@@ -174,6 +174,91 @@ TEST_F(SessionTest, AnInterruptEndsEveryWaitAndForbidsNewOnes) {
   EXPECT_EQ(wire.sent().size(), sent);
 }
 
+TEST_F(SessionTest, AFinishedQuestionThatIsNotAwaitedYetCostsNothing) {
+  Question slow = question();
+  Question quick = question();
+  quick.patience = Duration(300);
+  int turns = 0;
+  wire.before_receive = [&turns] {
+    if (++turns > 100) {
+      throw std::logic_error("the loop spins");
+    }
+  };
+  const auto both = [&]() -> Task<Outcome> {
+    auto first = session.ask(std::move(slow));
+    auto second = session.ask(std::move(quick));
+    co_await first;
+    const Outcome outcome = co_await second;
+    co_return outcome;
+  };
+  EXPECT_EQ(session.run(both()), Outcome::Silent);
+  EXPECT_EQ(clock.elapsed(), 1000);
+  EXPECT_LE(turns, 4);
+}
+
+TEST_F(SessionTest, AWireThatIsGoneEndsEveryWaitAndForbidsNewOnes) {
+  bool down = false;
+  wire.before_receive = [&down] {
+    if (down) {
+      throw Error("interface gw0 went down");
+    }
+    down = true;
+  };
+  std::vector<std::string> told;
+  const auto job = [&](size_t) -> Task<void> {
+    try {
+      auto wait = session.ask(question(3));
+      co_await wait;
+    } catch (const Error& error) {
+      told.emplace_back(error.what());
+    }
+  };
+  session.run(session.each(5, 2, job));
+  EXPECT_EQ(told, std::vector<std::string>(5, "interface gw0 went down"));
+  EXPECT_EQ(wire.sent().size(), 4u);  // of the first two, each sent again once
+  const auto sleep = [&]() -> Task<Outcome> {
+    auto wait = session.sleep(Duration(10));
+    const Outcome outcome = co_await wait;
+    co_return outcome;
+  };
+  EXPECT_EQ(error_of(sleep()), "interface gw0 went down");
+}
+
+TEST_F(SessionTest, AQuestionThatCannotBeSentAgainFailsAlone) {
+  wire.on_send = [this](const gateway_test::Sent&) {
+    if (wire.sent().size() == 3) {
+      throw Error("cannot send");
+    }
+  };
+  std::vector<std::string> told;
+  const auto job = [&](size_t i) -> Task<void> {
+    try {
+      auto wait = session.ask(question(i == 0 ? 2 : 1));
+      co_await wait;
+      told.emplace_back("silent");
+    } catch (const Error& error) {
+      told.emplace_back(error.what());
+    }
+  };
+  session.run(session.each(2, 2, job));
+  EXPECT_EQ(told, (std::vector<std::string>{"cannot send", "silent"}));
+}
+
+TEST_F(SessionTest, WhatAnExceptionEndedIsNotResumed) {
+  wire.answer("ports_link", {reply(kLinkReply)});
+  bool thrown = false;
+  session.set_interrupt([this, &thrown] {
+    if (!taken.empty() && !thrown) {  // the answer is there, and its waiter about to be resumed
+      thrown = true;
+      throw Error("of a handler");
+    }
+    return false;
+  });
+  EXPECT_EQ(error_of(ask(question())), "of a handler");
+  EXPECT_EQ(session.run(ask(question())), Outcome::Answered);
+  EXPECT_EQ(taken.size(), 2u);
+}
+
 TEST_F(SessionTest, JobsRunAtMostSoManyAtATime) {
   size_t running = 0;
   size_t most = 0;

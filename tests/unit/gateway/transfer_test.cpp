@@ -245,6 +245,59 @@ TEST_F(TransferTest, AnInterruptedRestoreIsForgottenToo) {
   EXPECT_NE(wire.sent().back().text.find(R"("length":2000)"), std::string::npos);
 }
 
+TEST_F(TransferTest, ARestoreThatIsInterruptedBeforeItsFirstChunkAppliesNothing) {
+  file = Bytes(3000, 1);
+  bool stop = false;
+  session.set_interrupt([&stop] { return stop; });
+  wire.on_send = [&stop](const Sent&) { stop = true; };
+  std::string words;
+  try {
+    session.run(push("config_download"));
+  } catch (const Interrupted& reason) {
+    words = reason.what();
+  }
+  EXPECT_EQ(words, "interrupted; nothing was applied");
+  EXPECT_EQ(wire.count(R"("index":0,)"), 0u);
+}
+
+// After how many sent frames the wire goes, and what is said then.
+struct GoneAfter {
+  const char* subject;
+  size_t sent;
+  const char* words;
+};
+
+class WireGone : public TransferTest, public testing::WithParamInterface<GoneAfter> {};
+
+TEST_P(WireGone, SaysWhatWasApplied) {
+  file = Bytes(3000, 1);
+  stores(GetParam().subject);
+  wire.before_receive = [this] {
+    if (wire.sent().size() == GetParam().sent) {
+      throw Error("interface gw0 went down");
+    }
+  };
+  ExitCode code = ExitCode::Done;
+  EXPECT_EQ(error_of(push(GetParam().subject), &code), GetParam().words);
+  EXPECT_EQ(code, ExitCode::Failed);
+  EXPECT_EQ(wire.sent().size(), GetParam().sent);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    AtEveryStage, WireGone,
+    testing::Values(
+        GoneAfter{"config_download", 1, "interface gw0 went down; nothing was applied"},
+        GoneAfter{"config_download", 3,
+                  "interface gw0 went down; the switch may hold a part of the archive, but applies "
+                  "none of it before another restore"},
+        GoneAfter{"config_download", 4,
+                  "interface gw0 went down at the last chunk: whether the archive was applied is "
+                  "not known"},
+        GoneAfter{"firm_download", 2, "interface gw0 went down; nothing was upgraded"},
+        GoneAfter{"firm_download", 3,
+                  "interface gw0 went down at the last chunk: whether the upgrade began is not "
+                  "known"}));
+
 TEST_F(TransferTest, FirmwareChunksInTheMiddleAreRepeated) {
   file = Bytes(3000, 1);
   int middle = 0;
