@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Restarting a switch, and seeing that it did. A switch says nothing about it, and may be back
-// before anybody missed it; so three signs count: it stops answering, its uptime falls, or its
-// traffic counters start anew.
+// before anybody missed it. Nor is silence a restart: a switch that waits for one of its modules is
+// silent, too. So two signs count once it answers: its uptime, and its traffic counters.
 #include <algorithm>
 
 #include "gateway/error.h"
@@ -17,7 +17,9 @@ namespace {
 
 constexpr Duration kProbePatience{400};
 constexpr Duration kProbePause{50};
-constexpr int kMissed = 2;  // probes in a row
+constexpr int kMissed = 2;               // probes in a row that make a silence
+constexpr Duration kBackPatience{3000};  // for the signs of one that is back
+constexpr Duration kMarkPatience{2500};  // longer than a switch waits for a module
 
 // The counters of the ports; empty when the switch does not tell them.
 Task<std::vector<Port>> read_counters(Session& session, const Switch& one, Duration patience) {
@@ -46,63 +48,108 @@ Task<void> pause(Session& session, Duration duration) {
   }
 }
 
-Task<bool> goes_down(Session& session, const Switch& one, std::vector<Port> before,
-                     Duration patience) {
-  const TimePoint end = session.now() + patience;
-  int64_t uptime = one.identity.uptime;
+// The uptime goes on while nobody asks: one that lost time began anew. Clocks may drift, but not by
+// so much. `asked`: when the uptime was asked for, so that it is as old or newer.
+bool began_anew(const RestartMark& mark, int64_t uptime, TimePoint asked) {
+  constexpr std::chrono::seconds kSlack{3};
+  const auto passed = std::chrono::duration_cast<std::chrono::seconds>(asked - mark.at);
+  return uptime < mark.uptime + std::max(passed - kSlack, std::chrono::seconds(0)).count();
+}
+
+// What has been seen of a switch that was told to restart.
+struct Sight {
+  bool restarted = false;   // it answers, and began anew
+  bool silent = false;      // it does not answer now
+  bool was_silent = false;  // it did not for a while
+};
+
+// Whether the traffic counters began anew since the mark.
+Task<bool> counts_anew(Session& session, const Switch& one, const RestartMark& mark) {
+  const std::vector<Port> now = co_await read_counters(session, one, kProbePatience);
+  co_return fell(mark.counters, now);
+}
+
+// Looks for `patience`, and beyond that until a switch that fell silent is back, for at most
+// `come_back`.
+Task<Sight> watch_restart(Session& session, const Switch& one, const RestartMark& mark,
+                          Duration patience, Duration come_back) {
+  const TimePoint usual = session.now() + patience;
+  TimePoint end = usual;
+  Sight sight;
   int missed = 0;
   while (session.now() < end) {
+    const TimePoint asked = session.now();
     const auto identity = co_await ask_identity(session, one, kProbePatience);
     if (!identity) {
       if (++missed == kMissed) {
-        co_return true;
+        sight.silent = sight.was_silent = true;
+        end = std::max(usual, session.now() + come_back);
       }
       continue;
     }
-    missed = 0;
-    const std::vector<Port> now = co_await read_counters(session, one, kProbePatience);
-    if (identity->uptime < uptime || fell(before, now)) {
-      co_return true;
+    sight.restarted = began_anew(mark, identity->uptime, asked);
+    if (!sight.restarted) {
+      sight.restarted = co_await counts_anew(session, one, mark);
     }
-    uptime = identity->uptime;
+    if (sight.restarted) {
+      break;
+    }
+    if (sight.silent) {
+      end = std::max(usual, session.now() + kBackPatience);
+    }
+    sight.silent = false;
+    missed = 0;
     co_await pause(session, kProbePause);
   }
-  co_return false;
+  co_return sight;
 }
 
 }  // namespace
 
 Task<RestartMark> mark_restart(Session& session, const Switch& one, Duration patience) {
   RestartMark mark;
-  mark.counters = co_await read_counters(session, one, patience);
+  mark.uptime = one.identity.uptime;
+  try {
+    const auto identity = co_await ask_identity(session, one, std::min(patience, kMarkPatience));
+    if (identity) {
+      mark.answered = true;
+      mark.uptime = identity->uptime;
+    }
+    mark.counters = co_await read_counters(session, one, patience);
+  } catch (const Interrupted&) {
+    throw Interrupted("interrupted; nothing was applied");
+  } catch (const Error&) {
+    // For whoever goes on to find out.
+  }
+  mark.answered = mark.answered || !mark.counters.empty();
+  mark.at = session.now();
   co_return mark;
 }
 
 Task<EffectReport> await_restart(Session& session, const Switch& one, RestartMark mark,
                                  Duration patience, Duration come_back) {
-  const bool down = co_await goes_down(session, one, std::move(mark.counters), patience);
-  if (!down) {
-    co_return EffectReport{Effect::NotTaken, "the switch was not seen to restart"};
-  }
-  if (come_back == Duration(0)) {
-    co_return EffectReport{Effect::Took, "the switch restarts"};
-  }
-  const bool back = co_await answers_within(session, one, come_back);
-  if (back) {
+  const Sight sight = co_await watch_restart(session, one, mark, patience, come_back);
+  if (sight.restarted) {
     co_return EffectReport{Effect::Took, "the switch restarted and answers again"};
   }
-  co_return EffectReport{Effect::Silent, "the switch went down and did not come back in time"};
+  if (sight.silent && come_back > Duration(0)) {
+    co_return EffectReport{Effect::Silent, "the switch fell silent and did not come back in time"};
+  }
+  if (sight.silent) {
+    co_return EffectReport{Effect::Unseen,
+                           "the switch fell silent, as in a restart; --wait sees it come back"};
+  }
+  co_return EffectReport{Effect::NotTaken,
+                         sight.was_silent ? "the switch was silent for a while, but neither its "
+                                            "uptime nor its counters began anew"
+                                          : "the switch was not seen to restart"};
 }
 
 Task<EffectReport> restart_switch(Session& session, const Switch& one, bool reset,
                                   Duration patience, Duration come_back) {
   RestartMark mark = co_await mark_restart(session, one, patience);
-  if (mark.counters.empty()) {
-    // Else the silence of a switch that was gone before would pass for its restart.
-    const auto identity = co_await ask_identity(session, one, patience);
-    if (!identity) {
-      co_return EffectReport{Effect::Silent, "no answer; nothing was sent"};
-    }
+  if (!mark.answered) {
+    co_return EffectReport{Effect::Silent, "no answer; nothing was sent"};
   }
   const std::string mac = mac_text(one.mac);
   send_set(session, one, reset ? reset_text(mac) : reboot_text(mac));

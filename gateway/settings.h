@@ -69,14 +69,17 @@ Task<EffectReport> set_active(Session& session, const Switch& one, int seconds, 
 
 // What a switch looked like before a restart, to know it by afterwards.
 struct RestartMark {
+  bool answered = false;
+  int64_t uptime = 0;  // seconds
+  TimePoint at;        // it was as much or more then
   std::vector<Port> counters;
 };
 
 Task<RestartMark> mark_restart(Session& session, const Switch& one, Duration patience);
 
-// Watches a switch that was told to restart, for `patience`. Took when it stops answering, its
-// uptime falls or its traffic counters start anew; then waits up to `come_back` (0: not at all) for
-// it to answer.
+// Watches a switch that was told to restart, for `patience`, and up to `come_back` (0: not at all)
+// longer while it is silent. Took when it answers with an uptime or with traffic counters that
+// began anew; silence alone is Silent, or Unseen when its return was not to be waited for.
 Task<EffectReport> await_restart(Session& session, const Switch& one, RestartMark mark,
                                  Duration patience, Duration come_back);
 

@@ -48,7 +48,8 @@ class SettingsTest : public OnFakeWire {
     } else if (has("ports_stats")) {
       wire.arrives(update("ports_stats", R"({"ge1":[)" + std::to_string(counter) + ",0,0,0]}"));
     } else if (has("probe")) {
-      wire.arrives(probe_answer(tick_of(text), name, "0a1b2c3d4e5f", "0a 1b 2c 3d 4e 5f", uptime));
+      wire.arrives(probe_answer(tick_of(text), name, "0a1b2c3d4e5f", "0a 1b 2c 3d 4e 5f",
+                                uptime + static_cast<int>(clock.elapsed() / 1000)));
     } else if (on_set) {
       on_set(text);
     }
@@ -208,6 +209,18 @@ TEST_F(SettingsTest, TheClockIsCompared) {
   EXPECT_EQ(session.run(set_clock(session, office, 1700000000, kPatience)).effect, Effect::Silent);
 }
 
+TEST_F(SettingsTest, AClockThatSaysAnythingIsSurvived) {
+  on_set = [this](const std::string&) {
+    wire.arrives(update("sys_info", R"({"dhcp":0,"sys_ip":"192.168.1.10","sys_mask":24,)"
+                                    R"("timestamp":9223372036854775807})"));
+  };
+  for (const int64_t seconds : {int64_t{-2}, int64_t{0}, int64_t{1700000000}}) {
+    const EffectReport report = session.run(set_clock(session, office, seconds, kPatience));
+    EXPECT_EQ(report.effect, Effect::NotTaken);
+    EXPECT_EQ(report.detail, "the switch's clock says 9223372036854775807");
+  }
+}
+
 TEST_F(SettingsTest, TheNameIsReadBack) {
   on_set = [this](const std::string&) { name = "core-sw"; };
   EXPECT_EQ(session.run(set_name(session, office, "core-sw", kPatience)).effect, Effect::Took);
@@ -216,13 +229,56 @@ TEST_F(SettingsTest, TheNameIsReadBack) {
   EXPECT_EQ(report.detail, "the switch is called \"core-sw\"");
 }
 
-TEST_F(SettingsTest, ARestartIsSeenInSilence) {
+TEST_F(SettingsTest, SilenceAloneIsNoRestart) {
   on_set = [this](const std::string&) { alive = false; };
   const EffectReport report =
       session.run(restart_switch(session, office, false, Duration(5000), Duration(0)));
-  EXPECT_EQ(report.effect, Effect::Took);
-  EXPECT_EQ(report.detail, "the switch restarts");
+  EXPECT_EQ(report.effect, Effect::Unseen);
+  EXPECT_EQ(report.detail, "the switch fell silent, as in a restart; --wait sees it come back");
   EXPECT_EQ(wire.count("sys_reboot"), 1u);
+}
+
+TEST_F(SettingsTest, ASwitchThatWasOnlySlowDidNotRestart) {
+  on_set = [this](const std::string&) { alive = false; };
+  int64_t back_at = 3000;
+  wire.before_receive = [this, &back_at] { alive = alive || clock.elapsed() >= back_at; };
+  for (const Duration come_back : {Duration(0), Duration(15000)}) {
+    const EffectReport report =
+        session.run(restart_switch(session, office, false, Duration(5000), come_back));
+    EXPECT_EQ(report.effect, Effect::NotTaken);
+    EXPECT_EQ(report.detail,
+              "the switch was silent for a while, but neither its uptime nor its counters began "
+              "anew");
+    back_at = clock.elapsed() + 9000;  // after the patience, while its return is waited for
+  }
+  EXPECT_EQ(wire.count("sys_reboot"), 2u);
+}
+
+TEST_F(SettingsTest, ALongRestartIsSeenInTheUptimeThatWasLost) {
+  uptime = 7;
+  on_set = [this](const std::string&) { alive = false; };
+  wire.before_receive = [this] {
+    if (!alive && clock.elapsed() >= 20000) {
+      alive = true;
+      uptime = -11;  // so that it says 9, more than it said before
+    }
+  };
+  const EffectReport report =
+      session.run(restart_switch(session, office, false, Duration(5000), Duration(30000)));
+  EXPECT_EQ(report.effect, Effect::Took);
+  EXPECT_EQ(report.detail, "the switch restarted and answers again");
+  EXPECT_GE(clock.elapsed(), 20000);
+}
+
+TEST_F(SettingsTest, WhoeverIsInterruptedBeforeARestartHasChangedNothing) {
+  session.set_interrupt([] { return true; });
+  std::string words;
+  try {
+    session.run(mark_restart(session, office, kPatience));
+  } catch (const Interrupted& reason) {
+    words = reason.what();
+  }
+  EXPECT_EQ(words, "interrupted; nothing was applied");
 }
 
 TEST_F(SettingsTest, ASwitchThatWasSilentBeforeIsNotSaidToRestart) {
@@ -235,7 +291,7 @@ TEST_F(SettingsTest, ASwitchThatWasSilentBeforeIsNotSaidToRestart) {
 }
 
 TEST_F(SettingsTest, ARestartIsSeenInTheUptime) {
-  on_set = [this](const std::string&) { uptime = 3; };
+  on_set = [this](const std::string&) { uptime = 3; };  // it was 3600
   EXPECT_EQ(session.run(restart_switch(session, office, false, Duration(5000), Duration(0))).effect,
             Effect::Took);
 }
