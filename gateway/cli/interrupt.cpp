@@ -17,7 +17,7 @@ namespace {
 volatile std::sig_atomic_t g_signal = 0;
 std::array<int, 2> g_pipe = {-1, -1};
 
-// Nothing to do: that it interrupts a wait is what it is for.
+// Nothing to do: that it ends a wait is what it is for. Output goes on (SA_RESTART).
 extern "C" void on_resize(int /*number*/) {}
 
 extern "C" void on_signal(int number) {
@@ -41,6 +41,7 @@ void catch_interrupts() {
     ::sigaction(number, &action, nullptr);
   }
   action.sa_handler = on_resize;
+  action.sa_flags = SA_RESTART;
   ::sigaction(SIGWINCH, &action, nullptr);
 }
 
