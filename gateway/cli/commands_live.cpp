@@ -26,11 +26,15 @@ namespace {
 
 constexpr Duration kPresence{5000};
 
-// Probes every five seconds until the session ends.
+// Probes every five seconds until the session ends, whatever ends its sleep before.
 Task<void> stay_present(Session& session) {
+  TimePoint next = session.now();
   while (!session.interrupted()) {
-    announce(session);
-    auto wait = session.sleep(kPresence);
+    if (session.now() >= next) {
+      announce(session);
+      next = session.now() + kPresence;
+    }
+    auto wait = session.sleep(std::chrono::ceil<Duration>(next - session.now()));
     const Outcome outcome = co_await wait;
     if (outcome == Outcome::Interrupted) {
       co_return;
