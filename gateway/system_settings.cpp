@@ -126,7 +126,9 @@ Task<EffectReport> set_clock(Session& session, const Switch& one, int64_t second
   }
   const auto passed =
       std::chrono::duration_cast<std::chrono::seconds>(session.now() - sent).count();
-  const int64_t off = answer->values.timestamp - seconds;
+  // Without sign, because a reply may say anything; what would overflow is far off all the same.
+  const auto off = static_cast<int64_t>(static_cast<uint64_t>(answer->values.timestamp) -
+                                        static_cast<uint64_t>(seconds));
   const bool taken = !answer->failed && off >= -kTolerance && off <= passed + kTolerance;
   co_return EffectReport{taken ? Effect::Took : Effect::NotTaken,
                          fmt::format("the switch's clock says {}", answer->values.timestamp)};

@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cstring>
 #include <ctime>
+#include <tuple>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -74,26 +75,45 @@ AddressWords parse_address(const std::string& word) {
   return words;
 }
 
-// "now", seconds since 1970, or "YYYY-MM-DD HH:MM:SS" in UTC.
-int64_t parse_time(const std::string& word) {
-  if (word == "now") {
-    return static_cast<int64_t>(::time(nullptr));
-  }
-  int64_t seconds = 0;
-  const char* end = word.data() + word.size();
-  const auto read = std::from_chars(word.data(), end, seconds);
-  if (read.ec == std::errc() && read.ptr == end && seconds >= 0 && seconds <= INT32_MAX) {
-    return seconds;
-  }
+[[noreturn]] void fail_time(const std::string& word, const char* why) {
+  throw Error(fmt::format("\"{}\": {}", terminal_text(word), why), ExitCode::Usage);
+}
+
+// A date and a time of day in UTC, as seconds since 1970.
+int64_t parse_date(const std::string& word) {
   std::tm parts = {};
   const char* rest = ::strptime(word.c_str(), "%Y-%m-%d %H:%M:%S", &parts);
   if (rest == nullptr || *rest != '\0') {
-    throw Error(fmt::format("\"{}\": expected now, seconds since 1970 or \"2026-01-31 12:00:00\" "
-                            "(UTC)",
-                            terminal_text(word)),
-                ExitCode::Usage);
+    fail_time(word, "expected now, seconds since 1970 or \"2026-01-31 12:00:00\" (UTC)");
   }
-  return static_cast<int64_t>(::timegm(&parts));
+  std::tm real = parts;
+  const int64_t seconds = ::timegm(&real);  // makes the third of March out of the 31st of February
+  const auto fields = [](const std::tm& t) {
+    return std::tie(t.tm_year, t.tm_mon, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+  };
+  if (fields(real) != fields(parts)) {
+    fail_time(word, "there is no such date or time of day");
+  }
+  return seconds;
+}
+
+// "now", seconds since 1970, or "YYYY-MM-DD HH:MM:SS" in UTC; in the range of a 32-bit clock.
+int64_t parse_time(const std::string& word) {
+  int64_t seconds = 0;
+  const char* end = word.data() + word.size();
+  const auto read = std::from_chars(word.data(), end, seconds);
+  const bool number = read.ptr == end && read.ec != std::errc::invalid_argument;
+  if (word == "now") {
+    seconds = static_cast<int64_t>(::time(nullptr));
+  } else if (!number) {
+    seconds = parse_date(word);
+  }
+  if ((number && read.ec != std::errc()) || seconds < 0 || seconds > INT32_MAX) {
+    fail_time(word,
+              "a clock goes from 0 to 2147483647 seconds since 1970, which is to 2038-01-19 "
+              "03:14:07 (UTC)");
+  }
+  return seconds;
 }
 
 Task<Told> tell_clock(Context& context, const Switch& one) {
@@ -204,7 +224,8 @@ void add_address(CLI::App& app, Choice& choice) {
 void add_time(CLI::App& app, Choice& choice) {
   auto* command = app.add_subcommand("time", "Show or set the clock");
   command->footer(
-      "Without TIME the clock is shown. Dates are UTC.\n\n"
+      "Without TIME the clock is shown. Dates are UTC, until 2038-01-19 03:14:07; in\n"
+      "seconds 0 to 2147483647.\n\n"
       "Example:\n  qelctl -i eth1 --switch all time now");
   auto word = std::make_shared<std::string>();
   command->add_option("TIME", *word, "now, seconds since 1970, or \"YYYY-MM-DD HH:MM:SS\"");

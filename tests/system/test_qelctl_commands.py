@@ -129,6 +129,35 @@ def archive_crc(data):
     return crc ^ 0xFFFFFFFF
 
 
+RANGE = "a clock goes from 0 to 2147483647 seconds since 1970, which is to 2038-01-19 03:14:07 (UTC)"
+NO_TIME = "there is no such date or time of day"
+
+
+@pytest.mark.parametrize(
+    "word, sent",
+    [
+        ("0", 0), ("2147483647", 2147483647), ("1970-01-01 00:00:00", 0), ("2038-01-19 03:14:07", 2147483647),
+        ("2024-02-29 23:59:59", 1709251199),
+    ],
+)  # fmt: skip
+def test_times_that_a_clock_can_be_set_to(qelctl, word, sent):
+    expected = put("sys_time", f'{{"timestamp":"{sent}"}}')
+    assert qelctl("-n", "-s", MAC, "time", word).stdout == f"to {MAC}: {expected}\n"
+
+
+@pytest.mark.parametrize(
+    "word, why",
+    [
+        ("2026-02-31 12:00:00", NO_TIME), ("2025-02-29 00:00:00", NO_TIME), ("2026-04-31 00:00:00", NO_TIME),
+        ("2026-01-31 12:00:60", NO_TIME), ("1969-12-31 23:59:59", RANGE), ("1900-01-01 00:00:00", RANGE),
+        ("2038-01-19 03:14:08", RANGE), ("2147483648", RANGE), ("99999999999999999999", RANGE),
+        ("2026-01-31", 'expected now, seconds since 1970 or "2026-01-31 12:00:00" (UTC)'),
+    ],
+)  # fmt: skip
+def test_times_that_no_clock_can_be_set_to(qelctl, word, why):
+    assert qelctl("-n", "time", word, status=2).stderr == f'qelctl: "{word}": {why}\n'
+
+
 def test_who_a_probe_goes_to_in_a_dry_run(qelctl):
     for command in ("discover", "show", "watch"):
         assert qelctl("-n", command).stdout == f"to every switch: {PROBE}\n"
