@@ -5,9 +5,11 @@
 // together and runs the loop. Exit status: 0 ended by a signal, 1 could not start, 2 wrong command
 // line, 75 the switch restarts and somebody has to start morvad again.
 #include <event2/event.h>
+#include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -38,6 +40,18 @@ struct EventDeleter {
   void operator()(event* watch) const { event_free(watch); }
 };
 using EventPtr = std::unique_ptr<event, EventDeleter>;
+
+/// Opens /dev/null for each standard stream that is closed: a socket that got the number of one
+/// would be written to with every line of the log.
+void open_standard_streams() {
+  int fd = -1;
+  do {
+    fd = open("/dev/null", O_RDWR);  // gets the lowest number that is free
+  } while (fd >= 0 && fd < STDERR_FILENO);
+  if (fd > STDERR_FILENO) {
+    close(fd);
+  }
+}
 
 /// Creates a folder of ours below folders that exist; an existing one is good.
 void make_folder(const char* place, mode_t mode) {
@@ -149,6 +163,7 @@ int start(int argc, char** argv) {
 }  // namespace morvad
 
 int main(int argc, char** argv) {
+  morvad::open_standard_streams();
   try {
     return morvad::start(argc, argv);
   } catch (const std::exception& error) {

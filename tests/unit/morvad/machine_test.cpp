@@ -322,5 +322,39 @@ TEST_F(ProgramTest, MorvadEndsCleanlyOnASignal) {
   EXPECT_FALSE(std::filesystem::exists(at("/var/run/morva/mono.sock")));
 }
 
+TEST_F(ProgramTest, MorvadRunsWithoutStandardStreams) {
+  const int status = in_own_network([] {
+    const pid_t daemon = fork();
+    if (daemon == 0) {
+      const std::string program = bin("morvad");
+      const std::string board = board_path("ge10");
+      for (const int stream : {0, 1, 2}) {
+        close(stream);
+      }
+      execl(program.c_str(), "morvad", "--board", board.c_str(), nullptr);
+      _exit(127);
+    }
+    int tries = 0;
+    while (system((bin("morvactl") + " show >/dev/null 2>&1").c_str()) != 0 && tries++ < 500) {
+      usleep(10000);
+    }
+    int at_nothing = 0;
+    for (const char* stream : {"0", "1", "2"}) {
+      std::error_code error;
+      const std::string place = "/proc/" + std::to_string(daemon) + "/fd/" + stream;
+      at_nothing += std::filesystem::read_symlink(place, error) == "/dev/null" ? 1 : 0;
+    }
+    kill(daemon, SIGTERM);
+    int ended = 0;
+    waitpid(daemon, &ended, 0);
+    CHECK_OR_EXIT(at_nothing == 3, 98);
+    return WIFEXITED(ended) ? WEXITSTATUS(ended) : 99;
+  });
+  if (status == kSkipped) {
+    GTEST_SKIP() << "no network namespaces here";
+  }
+  EXPECT_EQ(status, 0);
+}
+
 }  // namespace
 }  // namespace morvad
