@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "qel/qel_cjson.h"
@@ -53,6 +54,18 @@ TEST(PrintFlatTest, DeclinesWhatItDoesNotKnow) {
         R"({"l":[1]})", R"([1])", "7", R"("text")", "null"}) {
     EXPECT_EQ(print_flat(json), "-") << json;
   }
+}
+
+TEST(PrintFlatTest, DeclinesTextsThatAreMissing) {
+  const qel_cjson_tree tree(cJSON_Parse(R"({"s":"text"})"));
+  cJSON* member = cJSON_GetObjectItem(tree.get(), "s");
+  char* text = std::exchange(member->valuestring, nullptr);
+  static qel_text_area<64> area;
+  EXPECT_FALSE(qel_cjson_print_flat(area.begin(), tree.get()));
+  member->valuestring = text;
+  char* name = std::exchange(member->string, nullptr);
+  EXPECT_FALSE(qel_cjson_print_flat(area.begin(), tree.get()));
+  member->string = name;
 }
 
 std::vector<std::string> seen;
