@@ -175,6 +175,12 @@ OrderedJson parse_payload(const std::string& payload) {
   return OrderedJson::parse(payload);
 }
 
+// Whether a module's reply says that it refused: a "ret" that is a number other than 0.
+bool is_refusal(const Json& reply) {
+  return reply.is_object() && reply.contains("ret") && reply["ret"].is_number() &&
+         reply["ret"] != 0;
+}
+
 Task<Told> tell_query(Context& context, const Switch& one, std::string text) {
   const QueryReply reply = co_await ask_module(context.session(), one, text, context.patience());
   Told told;
@@ -184,6 +190,9 @@ Task<Told> tell_query(Context& context, const Switch& one, std::string text) {
   } else {
     told.json["reply"] = OrderedJson::parse(dump_json(reply.json));
     told.text = reply.json.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
+    if (is_refusal(reply.json)) {
+      told.code = ExitCode::Failed;
+    }
   }
   co_return told;
 }
@@ -303,8 +312,8 @@ void add_query(CLI::App& app, Choice& choice) {
   auto* command = app.add_subcommand("query", "Ask a module of the switch");
   command->footer(
       "The reply is shown as it comes. One of more than 1600 bytes, or an empty one,\n"
-      "never comes.\n\n"
-      "Example:\n  qelctl -i eth1 query statistics port_statistic_qel_get_all\n"
+      "never comes. A \"ret\" other than 0 is a refusal and ends with status 1.\n\n"
+      "Example:\n  qelctl -i eth1 query poe poe_qel_alarm_info_get\n"
       "  qelctl -i eth1 query mono qel_port_enable_set '{\"port\":\"ge1\",\"enable\":1}'");
   auto arguments = std::make_shared<QueryArguments>();
   command->add_option("MODULE", arguments->module, "Such as mono, poe, statistics")->required();

@@ -4,11 +4,12 @@
 import io
 import json
 import os
+import re
 import socket
 import tarfile
 
 import pytest
-from labkit import Lab
+from labkit import BOARDS, Lab
 from qelctl_user import Qelctl, quiet_board
 
 MAC = "0a:1b:2c:3d:4e:10"
@@ -203,10 +204,24 @@ def test_a_backup_goes_where_a_link_leads(qelctl, tmp_path):
 
 
 def test_refusals_end_with_1(qelctl):
-    """What a switch refuses or does not do: a set, a transfer; a query has no such answer."""
+    """What a switch refuses or does not do: a set, a transfer, a query."""
     assert "not taken" in qelctl("--timeout", "0.5", "port", "speed", "ge1", "10G", status=1).stdout
     assert "failed" in qelctl("backup", "/nonexistent/file", status=1).stdout
     qelctl("port", "speed", "ge1", "AN")
+    refusal = {"ret": -1, "error": 'cmd: poe has no command "nosuch"'}
+    assert json.loads(qelctl("query", "poe", "nosuch", status=1).stdout) == refusal
+    assert json.loads(qelctl("--json", "query", "poe", "nosuch", status=1).stdout) == {**WHO, "reply": refusal}
+
+
+@pytest.mark.parametrize("board", ["bridge", "ge10", "ge28", "ge52"])
+def test_the_examples_of_query_work_on_every_board(board):
+    with Lab("--board", str(BOARDS / f"{board}.json")) as lab:
+        told = lab.run("qelctl", "query", "--help").stdout
+        examples = re.findall("^  (qelctl -i eth1 query .*)$", told, re.MULTILINE)
+        assert len(examples) == 2
+        for example in examples:
+            reply = lab.run("sh", "-c", example.replace("eth1", "gw0"))
+            assert json.loads(reply.stdout)["ret"] == 0, example
 
 
 @pytest.mark.parametrize(
