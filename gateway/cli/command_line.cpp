@@ -50,8 +50,11 @@ void add_commands(CLI::App& app, Choice& choice) {
 
 // What is wrong with the command line, in one line, and where to read on.
 std::string usage_fault(const CLI::App* app, const CLI::Error& error) {
-  return fmt::format("{}: {}\n\"{} --help\" says more\n", app->get_name(), error.what(),
-                     app->get_name());
+  std::string why = error.what();
+  if (const auto at = why.find("At Most 1 required"); at != std::string::npos) {
+    why.replace(at, std::string::npos, "given more than once");
+  }
+  return fmt::format("{}: {}\n\"{} --help\" says more\n", app->get_name(), why, app->get_name());
 }
 
 // The commands to choose from where `app`, which was parsed, ends without one.

@@ -234,7 +234,8 @@ void add_live(CLI::App& app, Choice& choice) {
 
   auto* top = app.add_subcommand("top", "Live view of rates, links, PoE and clients");
   top->footer(
-      "Keys: q quits; p, t, r, l, c sort; u shows links only; arrows scroll.\n\n"
+      "Keys: q quits; p, t, r, l, c sort; u shows links only; arrows scroll.\n"
+      "TX/s and RX/s are bytes a second.\n\n"
       "Example:\n  qelctl -i eth1 top --interval 1");
   auto showing = std::make_shared<TopArguments>();
   top->add_option("--interval", showing->interval, "Seconds between two readings (2)")

@@ -80,10 +80,10 @@ constexpr PortView kStatsView = {kPortStats, show_stats};
 constexpr PortView kPoeView = {kPortPoe | kPortLink, show_poe};
 constexpr PortView kClientsView = {kPortClient, show_clients};
 
-void add_view(CLI::App& app, Choice& choice, const char* name, const char* help,
-              const char* example, PortView view) {
+void add_view(CLI::App& app, Choice& choice, const char* name, const char* help, const char* footer,
+              PortView view) {
   auto* command = app.add_subcommand(name, help);
-  command->footer(fmt::format("Example:\n  {}", example));
+  command->footer(footer);
   command->callback([&choice, view] {
     choice.action = [view](Context& context) { return run_ports(context, view); };
   });
@@ -138,7 +138,8 @@ void add_show(CLI::App& app, Choice& choice) {
 void add_ports(CLI::App& app, Choice& choice) {
   auto* command = app.add_subcommand("ports", "Show the ports: link, PoE, traffic, clients");
   command->footer(
-      "On a narrow terminal the columns that matter least are left out.\n\n"
+      "TX/s and RX/s are bytes a second. On a narrow terminal the columns that matter\n"
+      "least are left out.\n\n"
       "Example:\n  qelctl -i eth1 --switch all ports --json");
   auto panel = std::make_shared<bool>(false);
   command->add_flag("--panel", *panel, "Draw the front panel instead");
@@ -147,12 +148,14 @@ void add_ports(CLI::App& app, Choice& choice) {
       return run_ports(context, *panel && !context.options().json ? kPanelView : kPortsView);
     };
   });
-  add_view(app, choice, "stats", "Show the traffic of the ports", "qelctl -i eth1 stats",
+  add_view(app, choice, "stats", "Show the traffic of the ports",
+           "TX and RX are bytes, TX/s and RX/s bytes a second.\n\n"
+           "Example:\n  qelctl -i eth1 stats",
            kStatsView);
-  add_view(app, choice, "poe", "Show which ports feed power", "qelctl -i eth1 poe --json",
-           kPoeView);
+  add_view(app, choice, "poe", "Show which ports feed power",
+           "Example:\n  qelctl -i eth1 poe --json", kPoeView);
   add_view(app, choice, "clients", "Show the clients seen at the ports",
-           "qelctl -i eth1 --switch all clients", kClientsView);
+           "Example:\n  qelctl -i eth1 --switch all clients", kClientsView);
 }
 
 }  // namespace qel_gateway::cli

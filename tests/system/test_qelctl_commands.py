@@ -291,6 +291,16 @@ def test_transfers_and_restarts_in_json(make_lab, files, tmp_path):
         ]  # fmt: skip
 
 
+@pytest.mark.parametrize("command", ["ports", "stats", "top"])
+def test_the_help_says_the_unit_of_the_rates(qelctl, command):
+    assert re.search(r"TX/s and RX/s (are )?bytes a second", qelctl(command, "--help").stdout)
+
+
+def test_an_option_given_twice_is_said_to_be(qelctl):
+    said = 'qelctl: --interface: given more than once\n"qelctl --help" says more\n'
+    assert qelctl("-i", "gw0", "-i", "gw0", "show", status=2).stderr == said
+
+
 def test_a_failure_in_json_names_the_switch_and_the_reason(qelctl):
     (one,) = [json.loads(line) for line in qelctl("--json", "port", "enable", "ge99", status=1).stdout.splitlines()]
     assert one == {**WHO, "error": 'no port "ge99"; there are: ge1 ge2 ge3 ge4 ge5 ge6 ge7 ge8 ge9 ge10'}
