@@ -196,6 +196,11 @@ def test_what_is_no_regular_file_is_refused_before_anybody_is_asked(dead_wire, t
     assert (tmp_path / "pipe").is_fifo()
 
 
+def test_a_restore_asks_with_the_number_of_files(qelctl, files):
+    said = qelctl("restore", files["archive"], status=2).stderr
+    assert f"of desk-sw ({MAC}) by {files['archive']} (1 file) and restart? Nobody is there" in said
+
+
 def test_a_backup_goes_where_a_link_leads(qelctl, tmp_path):
     os.symlink("target.tar.gz", tmp_path / "link.tar.gz")
     qelctl("backup", tmp_path / "link.tar.gz")
