@@ -75,6 +75,7 @@ Task<Sight> watch_restart(Session& session, const Switch& one, const RestartMark
                           Duration patience, Duration come_back) {
   const TimePoint usual = session.now() + patience;
   TimePoint end = usual;
+  TimePoint last = usual;  // no matter how often it falls silent
   Sight sight;
   int missed = 0;
   while (session.now() < end) {
@@ -82,8 +83,11 @@ Task<Sight> watch_restart(Session& session, const Switch& one, const RestartMark
     const auto identity = co_await ask_identity(session, one, kProbePatience);
     if (!identity) {
       if (++missed == kMissed) {
+        if (!sight.was_silent) {
+          last = std::max(usual, session.now() + come_back);
+        }
+        end = last;
         sight.silent = sight.was_silent = true;
-        end = std::max(usual, session.now() + come_back);
       }
       continue;
     }
@@ -95,7 +99,7 @@ Task<Sight> watch_restart(Session& session, const Switch& one, const RestartMark
       break;
     }
     if (sight.silent) {
-      end = std::max(usual, session.now() + kBackPatience);
+      end = std::max(usual, std::min(last, session.now()) + kBackPatience);
     }
     sight.silent = false;
     missed = 0;

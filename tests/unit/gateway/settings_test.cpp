@@ -254,6 +254,16 @@ TEST_F(SettingsTest, ASwitchThatWasOnlySlowDidNotRestart) {
   EXPECT_EQ(wire.count("sys_reboot"), 2u);
 }
 
+TEST_F(SettingsTest, ASwitchThatIsSilentOffAndOnIsNotWatchedForEver) {
+  bool told = false;
+  on_set = [&told](const std::string&) { told = true; };
+  wire.before_receive = [this, &told] { alive = !told || clock.elapsed() / 1000 % 3 == 2; };
+  const EffectReport report =
+      session.run(restart_switch(session, office, false, Duration(5000), Duration(15000)));
+  EXPECT_EQ(report.effect, Effect::Silent);  // as it is when the time is up
+  EXPECT_LE(clock.elapsed(), 22000);
+}
+
 TEST_F(SettingsTest, ALongRestartIsSeenInTheUptimeThatWasLost) {
   uptime = 7;
   on_set = [this](const std::string&) { alive = false; };
