@@ -143,10 +143,14 @@ Task<EffectReport> await_restart(Session& session, const Switch& one, RestartMar
     co_return EffectReport{Effect::Unseen,
                            "the switch fell silent, as in a restart; --wait sees it come back"};
   }
-  co_return EffectReport{Effect::NotTaken,
-                         sight.was_silent ? "the switch was silent for a while, but neither its "
-                                            "uptime nor its counters began anew"
-                                          : "the switch was not seen to restart"};
+  if (sight.was_silent) {
+    // Where a restart is one of the processes alone, uptime and counters of the machine go on.
+    co_return EffectReport{
+        Effect::Unseen,
+        "the switch was silent for a while and answers again; neither its uptime "
+        "nor its counters began anew"};
+  }
+  co_return EffectReport{Effect::NotTaken, "the switch was not seen to restart"};
 }
 
 Task<EffectReport> restart_switch(Session& session, const Switch& one, bool reset,

@@ -79,7 +79,7 @@ Task<RestartMark> mark_restart(Session& session, const Switch& one, Duration pat
 
 // Watches a switch that was told to restart, for `patience`, and up to `come_back` (0: not at all)
 // longer while it is silent. Took when it answers with an uptime or with traffic counters that
-// began anew; silence alone is Silent, or Unseen when its return was not to be waited for.
+// began anew. Silence alone is Silent, or Unseen when it ended or was not to be waited for.
 Task<EffectReport> await_restart(Session& session, const Switch& one, RestartMark mark,
                                  Duration patience, Duration come_back);
 

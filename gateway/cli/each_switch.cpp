@@ -103,6 +103,9 @@ std::vector<Switch> selected(Context& context, Search search) {
 }
 
 std::vector<Switch> selected(Context& context, const std::string& selector, Search search) {
+  if (!context.options().udp.empty()) {
+    search = Search::Quick;  // there is nobody but the one host
+  }
   const Duration window = search == Search::Whole ? kWholeWindow : kQuickWindow;
   Selection selection;
   try {
