@@ -10,6 +10,7 @@ printed, `-s` shows them.
 import contextlib
 import json
 import os
+import pathlib
 import random
 import re
 import signal
@@ -20,7 +21,7 @@ import time
 import pytest
 
 from gateway import GROUP, frame, message
-from labkit import PYTHON, Lab, wait_until
+from labkit import PYTHON, TOP, Lab, wait_until
 from test_kill import children, name
 from test_modules import double
 from test_transfers import send_chunk
@@ -340,7 +341,8 @@ def pull_image(lab):
     assert "/tmp/linux.trx" not in lab.log("qel")
     lab.gateway.command("set", "hfs_upgrade", {"upgrade_serverinfo": location})
     count = len(lab.gateway.until_probe())
-    assert "/tmp/linux.trx" in lab.log("qel")  # in what the fetching program says
+    # In what the fetching program says:
+    wait_until(lambda: "/tmp/linux.trx" in lab.log("qel"), "the fetch")
     fetched = content(lab, "/tmp/linux.trx")
     if fetched:
         wait_until(lambda: upgraded(lab) and state() == 0, "the image in its place")
@@ -416,8 +418,11 @@ DISKS = (healthy, full, read_only)
 @pytest.mark.parametrize("disk", DISKS)
 @pytest.mark.parametrize("write", WRITES)
 def test_write_that_fails_is_answered_and_costs_nothing_else(make_lab, write, disk):
-    lab = make_lab()
     folder, act, *seen = WRITES[write]
+    programs = pathlib.Path(os.environ.get("QEL_BUILD_DIR", TOP)).resolve()
+    if act is pull_image and programs.is_relative_to("/tmp"):
+        pytest.skip("the platform's programs lie below /tmp, where the disk hides them")
+    lab = make_lab()
     pids = lab.pid("qel"), lab.pid("morvad")
     settings_ = "cat /var/conf/*.conf | grep -v sys_active"
     before = lab.switch("sh", "-c", settings_).stdout
