@@ -53,7 +53,8 @@ Task<void> pause(Session& session, Duration duration) {
 bool began_anew(const RestartMark& mark, int64_t uptime, TimePoint asked) {
   constexpr std::chrono::seconds kSlack{3};
   const auto passed = std::chrono::duration_cast<std::chrono::seconds>(asked - mark.at);
-  return uptime < mark.uptime + std::max(passed - kSlack, std::chrono::seconds(0)).count();
+  // Neither is negative, so only their difference is sure not to overflow.
+  return uptime - mark.uptime < std::max(passed - kSlack, std::chrono::seconds(0)).count();
 }
 
 // What has been seen of a switch that was told to restart.

@@ -149,7 +149,7 @@ inline Bytes reply_with_chunk(std::string_view text, const Bytes& chunk) {
 // The answer to a probe, with the trailing NUL that switches send.
 inline Bytes probe_answer(uint32_t tick, std::string_view name = "office-sw",
                           std::string_view mac = "0a1b2c3d4e5f",
-                          std::string_view from = "0a 1b 2c 3d 4e 5f", int uptime = 3600) {
+                          std::string_view from = "0a 1b 2c 3d 4e 5f", int64_t uptime = 3600) {
   std::string text =
       R"({"mac":")" + std::string(mac) + R"(","cmd":"answer","subcmd":"answer","data":{"mac":")" +
       std::string(mac) + R"(","sys_ip":"192.168.1.10","sys_mask":24,"name":")" + std::string(name) +

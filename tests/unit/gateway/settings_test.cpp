@@ -49,7 +49,7 @@ class SettingsTest : public OnFakeWire {
       wire.arrives(update("ports_stats", R"({"ge1":[)" + std::to_string(counter) + ",0,0,0]}"));
     } else if (has("probe")) {
       wire.arrives(probe_answer(tick_of(text), name, "0a1b2c3d4e5f", "0a 1b 2c 3d 4e 5f",
-                                uptime + static_cast<int>(clock.elapsed() / 1000)));
+                                uptime + (uptime_goes_on ? clock.elapsed() / 1000 : 0)));
     } else if (on_set) {
       on_set(text);
     }
@@ -59,7 +59,8 @@ class SettingsTest : public OnFakeWire {
   bool alive = true;
   bool enabled = true;
   bool eee = false;
-  int uptime = 3600;
+  int64_t uptime = 3600;
+  bool uptime_goes_on = true;
   uint64_t counter = 1000;
   std::string link = "1,1000,1,0";
   std::string name = "office-sw";
@@ -219,6 +220,15 @@ TEST_F(SettingsTest, AClockThatSaysAnythingIsSurvived) {
     EXPECT_EQ(report.effect, Effect::NotTaken);
     EXPECT_EQ(report.detail, "the switch's clock says 9223372036854775807");
   }
+}
+
+TEST_F(SettingsTest, AnUptimeThatCannotGoOnIsSurvived) {
+  uptime = INT64_MAX;
+  uptime_goes_on = false;
+  on_set = [](const std::string&) {};
+  // It stands still while time passes, so it lost some.
+  EXPECT_EQ(session.run(restart_switch(session, office, false, Duration(5000), Duration(0))).effect,
+            Effect::Took);
 }
 
 TEST_F(SettingsTest, TheNameIsReadBack) {
