@@ -8,6 +8,7 @@ import re
 from labkit import BOARDS, PYTHON
 from terminal_user import Terminal
 
+DESK = "0a:1b:2c:3d:4e:10"  # the MAC of the board with 10 ports
 TERMINAL_USER = pathlib.Path(__file__).with_name("terminal_user.py")
 
 
@@ -23,14 +24,16 @@ def quiet_board(directory, base="ge10.json", **changes):
 
 
 class Qelctl:
-    def __init__(self, lab, *shared):
-        """`shared` is put before the arguments of every command."""
+    def __init__(self, lab, *shared, switch=None):
+        """`shared` is put before the arguments of every command. `switch`: the MAC of the one meant
+        where a command names none, which saves each that changes something the look for others."""
         self.lab = lab
         self.shared = shared
+        self.environment = [f"QELCTL_SWITCH={switch}"] if switch else []
 
     def __call__(self, *arguments, status=0, columns=None, environment=(), **options):
         """Runs `qelctl arguments...` in the gateway's network; it must end with `status`."""
-        argv = ["env", *environment]
+        argv = ["env", *self.environment, *environment]
         if columns:
             argv.append(f"COLUMNS={columns}")
         argv += ["qelctl", *self.shared, *map(str, arguments)]
@@ -52,7 +55,8 @@ class Qelctl:
             "rows": rows,
             "seconds": seconds,
             "steps": [list(step) for step in steps],
-            "argv": ["env", "-u", "COLUMNS", "TERM=xterm", *environment, "qelctl", *self.shared, *arguments],
+            "argv": ["env", "-u", "COLUMNS", "TERM=xterm", *self.environment, *environment]
+            + ["qelctl", *self.shared, *arguments],
         }
         result = self.lab.run(PYTHON, str(TERMINAL_USER), json.dumps(plan), timeout=seconds + 10)
         told = json.loads(result.stdout)

@@ -10,7 +10,7 @@ import tarfile
 
 import pytest
 from labkit import BOARDS, Lab
-from qelctl_user import Qelctl, quiet_board
+from qelctl_user import DESK, Qelctl, quiet_board
 
 MAC = "0a:1b:2c:3d:4e:10"
 WHO = {"mac": MAC, "name": "desk-sw"}
@@ -89,7 +89,7 @@ def files(tmp_path_factory):
 @pytest.fixture(scope="module")
 def qelctl(tmp_path_factory):
     with Lab("--board", quiet_board(tmp_path_factory.mktemp("board"))) as lab:
-        yield Qelctl(lab)
+        yield Qelctl(lab, switch=DESK)
 
 
 @pytest.fixture(scope="module")
@@ -160,6 +160,7 @@ def test_times_that_no_clock_can_be_set_to(qelctl, word, why):
 
 
 def test_who_a_probe_goes_to_in_a_dry_run(qelctl):
+    qelctl = Qelctl(qelctl.lab)
     for command in ("discover", "show", "watch"):
         assert qelctl("-n", command).stdout == f"to every switch: {PROBE}\n"
     assert qelctl("-n", "-s", "desk-sw", "reboot").stdout.startswith('to the switch called "desk-sw": ')
@@ -220,12 +221,14 @@ def test_refusals_end_with_1(qelctl):
 
 @pytest.mark.parametrize("board", ["bridge", "ge10", "ge28", "ge52"])
 def test_the_examples_of_query_work_on_every_board(board):
-    with Lab("--board", str(BOARDS / f"{board}.json")) as lab:
+    board = BOARDS / f"{board}.json"
+    mac = json.loads(board.read_text(encoding="utf-8"))["mac"]
+    with Lab("--board", str(board)) as lab:
         told = lab.run("qelctl", "query", "--help").stdout
         examples = re.findall("^  (qelctl -i eth1 query .*)$", told, re.MULTILINE)
         assert len(examples) == 2
         for example in examples:
-            reply = lab.run("sh", "-c", example.replace("eth1", "gw0"))
+            reply = lab.run("env", f"QELCTL_SWITCH={mac}", "sh", "-c", example.replace("eth1", "gw0"))
             assert json.loads(reply.stdout)["ret"] == 0, example
 
 
@@ -269,7 +272,7 @@ def test_changes_in_json(qelctl):
 
 def test_transfers_and_restarts_in_json(make_lab, files, tmp_path):
     lab = make_lab("--board", quiet_board(tmp_path))
-    qelctl = Qelctl(lab, "--yes")
+    qelctl = Qelctl(lab, "--yes", switch=DESK)
     file = tmp_path / "desk.tar.gz"
     (saved,) = qelctl.json("backup", file)
     assert saved.pop("crc") == f"{archive_crc(file.read_bytes()):08x}"

@@ -6,7 +6,7 @@ import re
 
 import pytest
 from labkit import Lab, wait_until
-from qelctl_user import Qelctl, quiet_board, without_colour
+from qelctl_user import DESK, Qelctl, quiet_board, without_colour
 
 MAC = "0a:1b:2c:3d:4e:10"
 
@@ -88,7 +88,7 @@ ge1   ON     00:11:22:33:44:55  192.168.1.20  UN
 @pytest.fixture(scope="module")
 def qelctl(tmp_path_factory):
     with Lab("--board", quiet_board(tmp_path_factory.mktemp("board"))) as lab:
-        control = Qelctl(lab)
+        control = Qelctl(lab, switch=DESK)
         lab.morvactl(
             "counters", "ge2", "tx_bytes=1234567", "rx_bytes=2000", "tx_rate=10", "rx_rate=20"
         )

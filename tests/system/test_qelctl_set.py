@@ -6,7 +6,7 @@ import socket
 
 import pytest
 from labkit import Lab
-from qelctl_user import Qelctl, quiet_board
+from qelctl_user import DESK, Qelctl, quiet_board
 
 WHO = "desk-sw (0a:1b:2c:3d:4e:10): "
 
@@ -14,7 +14,7 @@ WHO = "desk-sw (0a:1b:2c:3d:4e:10): "
 @pytest.fixture(scope="module")
 def qelctl(tmp_path_factory):
     with Lab("--board", quiet_board(tmp_path_factory.mktemp("board"))) as lab:
-        yield Qelctl(lab)
+        yield Qelctl(lab, switch=DESK)
 
 
 def requests_since(lab, count):
@@ -100,7 +100,7 @@ def test_the_way_to_the_switch_is_not_cut_unasked(qelctl):
 )
 def test_any_link_may_be_the_way_while_the_switch_knows_none(tmp_path, words):
     with Lab("--board", quiet_board(tmp_path)) as lab:
-        qelctl = Qelctl(lab)
+        qelctl = Qelctl(lab, switch=DESK)
         before = len(lab.queries())
         question = WHO.removesuffix(": ") + " may be reached through its port ge1. Take it down?"
         assert qelctl(*words, status=2).stderr == (
@@ -152,7 +152,7 @@ def test_reboot_and_reset_ask_first(qelctl):
 
 def test_reboot_and_reset(tmp_path):
     with Lab("--board", quiet_board(tmp_path)) as lab:
-        qelctl = Qelctl(lab)
+        qelctl = Qelctl(lab, switch=DESK)
         lab.morvactl("counters", "ge1", "tx_bytes=1000", "rx_bytes=1000")
         result = qelctl("--yes", "reboot", "--wait", "20", timeout=60)
         assert result.stdout == WHO + "reboot: took: the switch restarted and answers again\n"
@@ -167,7 +167,7 @@ def test_reboot_and_reset(tmp_path):
 
 def test_a_question_is_asked_on_a_terminal(tmp_path):
     with Lab("--board", quiet_board(tmp_path)) as lab:
-        qelctl = Qelctl(lab)
+        qelctl = Qelctl(lab, switch=DESK)
         status, screen, _ = qelctl.on_terminal("reboot", steps=[("[y/N]", "n\n")])
         assert status == 1
         assert screen.text() == (
@@ -184,7 +184,7 @@ def test_a_dry_run_sends_nothing(qelctl):
     assert qelctl("--dry-run", "-s", "0a1b2c3d4e10", "port", "restart", "ge1").stdout == (
         'to 0a:1b:2c:3d:4e:10: {"mac":"0a1b2c3d4e10","cmd":"set","subcmd":"port_restart","data":{"ge1":5}}\n'
     )
-    assert qelctl("-n", "--json", "reboot").stdout == (
+    assert Qelctl(qelctl.lab)("-n", "--json", "reboot").stdout == (
         '{"to":"the only switch","message":"{\\"mac\\":\\"<mac>\\",\\"cmd\\":\\"set\\",'
         '\\"subcmd\\":\\"sys_reboot\\",\\"data\\":{}}"}\n'
     )

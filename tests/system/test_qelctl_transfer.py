@@ -10,7 +10,7 @@ import zlib
 
 import pytest
 from labkit import Lab, wait_until
-from qelctl_user import Qelctl, quiet_board
+from qelctl_user import DESK, Qelctl, quiet_board
 
 # What the agent has computed of what it stored, and what it was told.
 CHECKED = re.compile(r"crc32\[0x([0-9a-f]+)\], loadcrc32\[0x([0-9a-f]+)\]")
@@ -20,7 +20,7 @@ WHO = "desk-sw (0a:1b:2c:3d:4e:10): "
 @pytest.fixture
 def qelctl(tmp_path):
     with Lab("--board", quiet_board(tmp_path)) as lab:
-        yield Qelctl(lab)
+        yield Qelctl(lab, switch=DESK)
 
 
 def archive(path, *names, kind=tarfile.REGTYPE):

@@ -5,7 +5,7 @@ import json
 
 import pytest
 from labkit import Lab, wait_until
-from qelctl_user import Qelctl, quiet_board
+from qelctl_user import DESK, Qelctl, quiet_board
 
 NEIGHBOUR = {
     "type": "lldp_add", "mac": "00:11:22:33:44:55", "local_interface": "ge5",
@@ -15,7 +15,7 @@ NEIGHBOUR = {
 @pytest.fixture(scope="module")
 def qelctl(tmp_path_factory):
     with Lab("--board", quiet_board(tmp_path_factory.mktemp("board"))) as lab:
-        yield Qelctl(lab)
+        yield Qelctl(lab, switch=DESK)
 
 
 class Watching:
