@@ -48,7 +48,7 @@ def build_agent(name, link, *libraries):
     configure(
         TOP,
         agent,
-        *("-DQEL_PLATFORM=sdk", f"-DQEL_SDK_DIR={BUILD}/sdk"),
+        *("-DQEL_PLATFORM=sdk", f"-DMORVA_SDK={BUILD}/sdk"),
         *("-DQEL_BUILD_TESTS=OFF", "-DQEL_BUILD_GATEWAY=OFF"),
         "-DCMAKE_INTERPROCEDURAL_OPTIMIZATION=ON",
         f"-DQEL_CJSON_SOURCE={TOP}/build/cjson-src",
@@ -168,3 +168,33 @@ def test_missing_call_fails_the_build(sdk):
     libraries = [path for path in sorted((sdk / "static").glob("*.a")) if "system" not in path.name]
     with pytest.raises(AssertionError, match="undefined reference to .sys_mac_get"):
         build_agent("qel.broken", "-static", *libraries)
+
+
+# ---------------------------------------------------------------------------------------------
+# Options that name no platform, or no delivery, are told at once
+
+
+@pytest.mark.parametrize(
+    "options, told",
+    [
+        (("-DQEL_PLATFORM=bogus",), "QEL_PLATFORM is linux or sdk, not 'bogus'"),
+        (("-DQEL_PLATFORM=sdk", "-DMORVA_SDK=/nope"), "MORVA_SDK: there is no folder /nope/lib"),
+        (("-DMORVA_SDK=/nope",), "MORVA_SDK needs -DQEL_PLATFORM=sdk"),
+    ],
+    ids=["platform", "folder", "folder-without-platform"],
+)
+def test_wrong_options_end_the_configuration(tmp_path, options, told):
+    command = ["cmake", "-S", TOP, "-B", tmp_path, "-G", "Ninja", *options]
+    done = subprocess.run(command, capture_output=True, text=True)
+    assert done.returncode != 0, done.stdout
+    assert told in done.stderr
+    assert "Configuring incomplete" in done.stdout + done.stderr
+
+
+def test_folder_without_libraries_ends_the_configuration(tmp_path):
+    (tmp_path / "lib").mkdir()
+    command = ["cmake", "-S", TOP, "-B", tmp_path / "build", "-G", "Ninja"]
+    command += ["-DQEL_PLATFORM=sdk", f"-DMORVA_SDK={tmp_path}"]
+    done = subprocess.run(command, capture_output=True, text=True)
+    assert done.returncode != 0, done.stdout
+    assert f"MORVA_SDK: no library in {tmp_path}/lib" in re.sub(r"\s+", " ", done.stderr)
