@@ -153,6 +153,19 @@ def test_help_completion_history_and_faults(lab):
     assert "Connection closed by foreign host" in steps[-1]
 
 
+def test_word_cut_short_switches_the_agent(lab):
+    for word, shown in (("di", 0), ("e", 1)):
+        *_, said, _ = operate(
+            lab,
+            ["enable\r", "qel# "],
+            ["configure terminal\r", "qel(config)# "],
+            [f"qel {word}\r", "qel(config)# "],
+            ["exit\rexit\r", ""],
+        )
+        assert said == f"qel {word}\r\nqel(config)# "
+        assert frames_to_cpu(lab) == shown
+
+
 def test_interrupt_key_gives_the_line_up(lab):
     steps = operate(lab, ["enable nonsense\x03", "\r\nqel> "], ["\x04", ""])
     assert "% Unknown command" not in "".join(steps)
