@@ -229,6 +229,12 @@ def test_lldp_neighbours_show_and_move(fresh_lab):
     assert host["client_mac"] == "020000000a02" and host["client_type"] == "UN"
     assert host["client_ip"] == "192.168.1.102"
 
+    # Host 3 tells no address by LLDP, but ARP has it, which being heard does not take away.
+    lab.host(3, "ping", "-c", "1", "-W", "2", "192.168.1.10")
+    lab.start_lldpd(*lab.host_prefix(3), options=["-I", "eth*", "-m", "!*"])
+    silent = row_until(lab, "ports_client", "ge3", lambda row: row["client_state"] == "ON")
+    assert silent["client_mac"] == "020000000a03" and silent["client_ip"] == "192.168.1.103"
+
     # The cable of host 2 goes to port 5: what was host 5's end becomes its interface.
     lab.host(2, "ip", "link", "set", "eth0", "down")
     lab.host(2, "ip", "link", "set", "eth0", "name", "old0")

@@ -39,7 +39,7 @@ TEST(Lldp, ANeighbourBecomesAnEventWithAllMembers) {
   const LldpNews news = news_of(lldp_text("lldp-added", "swp1", "true"));
   EXPECT_EQ(news.what, "added");
   ASSERT_EQ(news.neighbours.size(), 1U);
-  EXPECT_EQ(json::parse(lldp_event(news.neighbours[0], "ge1")),
+  EXPECT_EQ(json::parse(lldp_event(news.neighbours[0], "ge1", "10.0.0.7")),
             json::parse(R"({"type":"lldp_add","mac":"02:00:00:00:00:09",
   "chassis_id":"7a:24:c4:0b:74:ac","local_interface":"ge1","vlan_id":"7",
   "management_address":"10.0.0.7","time_to_live":"120","port_description":"h1",
@@ -85,6 +85,13 @@ class AwayHost : public FakeHost {
   bool there = true;
 };
 
+/// A neighbour `mac` on `interface` that tells neither an address nor what he can do.
+std::string silent(const std::string& interface, const std::string& mac) {
+  return R"({"lldp-added":[{"interface":[{"name":")" + interface +
+         R"(","chassis":[{"id":[{"type":"mac","value":")" + mac +
+         R"("}]}],"port":[{"id":[{"type":"mac","value":")" + mac + R"("}]}]}]}]})";
+}
+
 class AnnouncerTest : public SwitchTest {
  protected:
   AnnouncerTest() : announcer(make(), away) {}
@@ -93,6 +100,11 @@ class AnnouncerTest : public SwitchTest {
     return *sw;
   }
   size_t told() const { return away.events.size(); }
+
+  /// What the last event says of an address: "none" when it says nothing.
+  std::string last_address() const {
+    return json::parse(away.events.back()).value("management_address", "none");
+  }
 
   AwayHost away;
   Announcer announcer;
@@ -135,6 +147,56 @@ TEST_F(AnnouncerTest, AListingDoesNotBringANeighbourBackToThePortThatHeLeft) {
   announcer.lldp(read_lldp(both));
   ASSERT_EQ(told(), 1U);
   EXPECT_EQ(json::parse(away.events[0])["local_interface"], "ge2");
+}
+
+TEST_F(AnnouncerTest, ANeighbourWithoutAddressLeavesTheAgentsAlone) {
+  const std::string text = silent("swp1", "02:00:00:00:00:0a");
+  announcer.lldp(news_of(text));
+  announcer.lldp(news_of(text));
+  ASSERT_EQ(told(), 2U);
+  for (const std::string& each : away.events) {
+    const json event = json::parse(each);
+    EXPECT_EQ(event["mac"], "02:00:00:00:00:0a");
+    EXPECT_FALSE(event.contains("management_address"));
+    EXPECT_EQ(event["system_capability"], "");  // is no switch, whoever was there before
+  }
+}
+
+TEST_F(AnnouncerTest, ANeighbourWithoutAddressHasTheOneOfArp) {
+  const std::string text = silent("swp1", "02:00:00:00:00:0a");
+  announcer.address("192.168.1.20", "02:00:00:00:00:0a", port("ge1"));
+  announcer.lldp(news_of(text));
+  EXPECT_EQ(last_address(), "192.168.1.20");
+  announcer.address("192.168.1.19", "02:00:00:00:00:0a", port("ge1"));  // the latest counts
+  announcer.lldp(news_of(text));
+  EXPECT_EQ(last_address(), "192.168.1.19");
+  announcer.address_gone("192.168.1.19");
+  announcer.lldp(news_of(text));
+  EXPECT_EQ(last_address(), "192.168.1.20");
+  announcer.address("192.168.1.20", "02:00:00:00:00:0a", port("ge2"));  // he is elsewhere now
+  announcer.lldp(news_of(text));
+  EXPECT_EQ(last_address(), "none");
+}
+
+TEST_F(AnnouncerTest, ANeighbourWithoutAddressDoesNotInheritOne) {
+  announcer.lldp(news_of(lldp_text("lldp-added", "swp1", "true")));
+  EXPECT_EQ(last_address(), "10.0.0.7");
+  announcer.lldp(news_of(silent("swp1", "02:00:00:00:00:0a")));
+  EXPECT_EQ(last_address(), "");
+  announcer.lldp(news_of(silent("swp1", "02:00:00:00:00:0a")));
+  EXPECT_EQ(last_address(), "none");
+}
+
+TEST_F(AnnouncerTest, ANeighbourToldLateHasTheAddressThatCameInBetween) {
+  announcer.lldp(news_of(lldp_text("lldp-added", "swp1", "true")));
+  away.there = false;
+  announcer.lldp(news_of(silent("swp1", "02:00:00:00:00:0a")));
+  away.there = true;
+  announcer.address("192.168.1.20", "02:00:00:00:00:0a", port("ge1"));
+  announcer.retry();
+  ASSERT_EQ(told(), 3U);
+  EXPECT_EQ(json::parse(away.events[2])["type"], "lldp_add");
+  EXPECT_EQ(last_address(), "192.168.1.20");
 }
 
 TEST_F(AnnouncerTest, ANeighbourOnNoPortOfOursIsNobodys) {

@@ -8,7 +8,9 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "platform/linux/morvad/host.h"
 #include "platform/linux/morvad/kernel/lldp.h"
@@ -38,23 +40,37 @@ class Announcer {
   void tell_all_again();
 
  private:
-  struct Entry {
-    std::string text;
+  struct Heard {  // by LLDP
+    LldpNeighbour neighbour;
+    std::string port;
+    bool told = false;
+  };
+  struct Learnt {  // by ARP
+    std::string mac;
+    std::string port;
     bool told = false;
   };
 
-  void announce(const std::string& key, const std::string& text, bool again);
+  void announce(const std::string& key, const LldpNeighbour& neighbour, const std::string& port);
+  bool tell(Heard& heard);
+  bool tell(const std::string& ip, Learnt& learnt);
+  std::optional<std::string> address_of(const Heard& heard) const;
+  void forget(const std::string& ip, const Learnt& learnt);
   Port* port_of(const std::string& interface);
 
   Switch* switch_;
   Host* host_;
-  std::map<std::string, Entry> lldp_;          // by interface and id
+  std::map<std::string, Heard> lldp_;          // by interface and id
   std::map<std::string, std::string> places_;  // MAC of an LLDP neighbour -> its key
-  std::map<std::string, Entry> addresses_;     // by IP
+  std::map<std::string, Learnt> addresses_;    // by IP
+  std::multimap<std::pair<std::string, std::string>, std::string> owners_;  // MAC and port -> IPs
+  std::map<std::string, std::string> last_;  // port -> MAC of the neighbour told last
 };
 
-/// The text of the events.
-std::string lldp_event(const LldpNeighbour& neighbour, const std::string& port);
+/// The text of the events. Without `address` there is no "management_address", and the agent keeps
+/// the one that it has.
+std::string lldp_event(const LldpNeighbour& neighbour, const std::string& port,
+                       const std::optional<std::string>& address);
 std::string arp_event(const std::string& ip, const std::string& mac, const std::string& port);
 
 }  // namespace morvad
