@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The log of platform/log.h: syslog, and standard error while somebody watches it.
+// The log of platform/log.h: syslog, and standard error in the foreground.
 #include "platform/log.h"
 
 #include <stdarg.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -21,13 +23,27 @@ namespace {
 
 constexpr size_t kLineSize = 1024;  // longer lines are cut
 
-// True while the process is in the foreground: on a terminal, or told so (a lab, a test).
+// True where the service manager reads standard error into the journal. It has the syslog line too.
+bool stderr_is_journal() {
+  const char* journal = getenv("JOURNAL_STREAM");
+  struct stat stream;
+  if (journal == nullptr || fstat(STDERR_FILENO, &stream) < 0) {
+    return false;
+  }
+  char own[64];
+  snprintf(own, sizeof own, "%ju:%ju", static_cast<uintmax_t>(stream.st_dev),
+           static_cast<uintmax_t>(stream.st_ino));
+  return strcmp(own, journal) == 0;
+}
+
+// True while the process is in the foreground, or told so. A daemon's standard error is /dev/null,
+// so what is written there needs no asking.
 bool wants_stderr() {
   const char* choice = getenv("MORVA_LOG");
   if (choice != nullptr) {
     return strcmp(choice, "stderr") == 0;
   }
-  return isatty(STDERR_FILENO) == 1;
+  return !stderr_is_journal();
 }
 
 // Line ends at the end are dropped, other control bytes become '?': what a line quotes may come
@@ -108,6 +124,8 @@ void zlog_assert_failed(const char* assertion, const char* file, unsigned line,
   if (zlog_default != nullptr) {
     syslog(LOG_CRIT, "%s", text);
   }
-  write_stderr("assertion", text);  // always: the process ends here
+  if (zlog_default == nullptr || !stderr_is_journal()) {
+    write_stderr("assertion", text);  // whatever MORVA_LOG says: the process ends here
+  }
   abort();
 }

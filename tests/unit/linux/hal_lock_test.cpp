@@ -23,7 +23,10 @@ class HalLockTest : public RootTest {
     setenv("MORVA_QUERY_DEADLINE_MS", "50", 1);
     setenv("MORVA_LOG", "stderr", 1);
   }
-  ~HalLockTest() override { unsetenv("MORVA_QUERY_DEADLINE_MS"); }
+  ~HalLockTest() override {
+    unsetenv("MORVA_QUERY_DEADLINE_MS");
+    setenv("MORVA_LOG", "none", 1);
+  }
 
   // A process that holds `client` until it is killed.
   static pid_t holder(int client) {

@@ -3,6 +3,7 @@
 // The log as somebody at the terminal sees it, and the assertion that ends the process.
 #include "platform/log.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "tests/unit/linux/support.h"
@@ -35,6 +36,39 @@ TEST(LogTest, QuietInTheBackground) {
   setenv("MORVA_LOG", "syslog", 1);
   zlog_err("nobody sees this");
   EXPECT_EQ("", log.text());
+}
+
+// What JOURNAL_STREAM holds where standard error leads to the journal.
+std::string stderr_stream() {
+  struct stat stream = {};
+  fstat(STDERR_FILENO, &stream);
+  return std::to_string(stream.st_dev) + ":" + std::to_string(stream.st_ino);
+}
+
+TEST(LogTest, ForegroundIsToldWhereverStandardErrorLeads) {
+  LogCapture log;  // standard error is a file
+  unsetenv("MORVA_LOG");
+  unsetenv("JOURNAL_STREAM");
+  zlog_err("somebody sees this");
+  EXPECT_EQ(prefix() + "error: somebody sees this\n", log.text());
+}
+
+TEST(LogTest, JournalGetsALineOnce) {
+  LogCapture log;
+  unsetenv("MORVA_LOG");
+  const std::string journal = stderr_stream();
+  setenv("JOURNAL_STREAM", journal.c_str(), 1);
+  zlog_err("the journal has this by syslog");
+  for (const std::string& other : {journal + "0", std::string("8:1"), std::string()}) {
+    setenv("JOURNAL_STREAM", other.c_str(), 1);  // the service's, but not this process's any more
+    zlog_err("of another stream");
+  }
+  setenv("JOURNAL_STREAM", journal.c_str(), 1);
+  setenv("MORVA_LOG", "stderr", 1);
+  zlog_err("asked for");
+  unsetenv("JOURNAL_STREAM");
+  const std::string line = prefix() + "error: of another stream\n";
+  EXPECT_EQ(line + line + line + prefix() + "error: asked for\n", log.text());
 }
 
 TEST(LogTest, BeforeTheStartLinesAreLost) {
