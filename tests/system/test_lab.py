@@ -264,8 +264,29 @@ def test_a_wrong_board_ends_with_morvads_own_words(tmp_path):
 
 def test_a_board_that_does_not_exist():
     result = run_lab("--board", "/no/such/board.json", "--", "true")
-    assert result.returncode != 0
-    assert "/no/such/board.json" in result.stderr
+    assert result.returncode == 125
+    assert result.stderr == "lab: /no/such/board.json: no such board file, or not readable\n"
+
+
+def test_programs_that_do_not_exist():
+    result = run_lab("--", "true", environment={"QEL_BUILD_DIR": "/no/such/build"})
+    assert result.returncode == 125
+    assert result.stderr == "lab: no qel and morvad in /no/such/build: run script/build first\n"
+
+
+def test_a_directory_that_cannot_be_made():
+    result = run_lab("--", "true", environment={"LAB_DIR": "/proc/no/such/lab"})
+    assert result.returncode == 125
+    assert result.stderr.startswith("lab: ") and "/proc/no" in result.stderr
+    assert "Traceback" not in result.stderr
+
+
+def test_a_tool_that_is_missing(tmp_path):
+    for tool in ("bash", "dirname", "ip"):
+        (tmp_path / tool).symlink_to(shutil.which(tool))
+    result = run_lab("--", "true", environment={"PATH": str(tmp_path)})
+    assert result.returncode == 125
+    assert result.stderr == "lab: nsenter is missing: run script/bootstrap\n"
 
 
 def test_an_agent_that_ends_at_once_is_reported_with_its_log(tmp_path):

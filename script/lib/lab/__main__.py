@@ -28,7 +28,14 @@ and $LAB_SWITCH, a prefix that runs its arguments inside the switch. A LAB_DIR f
 is used and left behind; files in its conf/ are the switch's /var/conf. QEL_BUILD_DIR names another
 folder whose bin/ holds the programs. With LAB_RESPAWN=1 a daemon that ended is started again."""
 
-EPILOG = "Exit status: COMMAND's; 128 + N after signal N; 125 when the lab did not come up."
+EPILOG = """Exit status: COMMAND's; 128 + N after signal N; 125 when the lab did not come up; 2 for a wrong
+command line."""
+
+
+def fail(reason):
+    """Ends the program with the status that stands for a lab that did not come up."""
+    print(f"lab: {reason}", file=sys.stderr)
+    sys.exit(keeper.EXIT_LAB)
 
 
 def parse(arguments):
@@ -57,7 +64,7 @@ def complete(options):
     options.programs = os.path.join(CHECKOUT, "platform/linux/programs")
     options.board = os.path.realpath(options.board or os.path.join(CHECKOUT, DEFAULT_BOARD))
     if not os.access(options.board, os.R_OK):
-        sys.exit(f"lab: {options.board}: no such board file, or not readable")
+        fail(f"{options.board}: no such board file, or not readable")
     options.interactive = not options.command
     if options.interactive:
         options.command = [os.environ.get("SHELL", "/bin/bash")]
@@ -74,7 +81,7 @@ def find_build(preset):
         programs = [os.path.join(candidate, "bin", name) for name in ("qel", "morvad")]
         if all(os.access(program, os.X_OK) for program in programs):
             return os.path.realpath(candidate)
-    sys.exit(f"lab: no qel and morvad in {' or '.join(candidates)}: run script/build first")
+    fail(f"no qel and morvad in {' or '.join(candidates)}: run script/build first")
 
 
 def make_directory():
@@ -180,4 +187,7 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        sys.exit(main())
+    except OSError as error:  # no room for the lab's directory, no process to be had
+        fail(error)
