@@ -200,6 +200,10 @@ int qel_ipc_handle_poe_update(const cJSON* msg) {
 }
 
 int qel_ipc_handle_cldm_conf(const cJSON* msg) {
+  // Read as 0 an event without a number would switch the agent off, and save that: for good.
+  if (cJSON_IsNumber(cJSON_GetObjectItem(msg, "qel_enable")) == 0) {
+    return -1;
+  }
   qel_enable(cJSON_GetObjectItemInt(msg, "qel_enable"));
   config_save();
   return 0;

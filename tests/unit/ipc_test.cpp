@@ -61,6 +61,9 @@ TEST_F(IpcSocketTest, SocketThatCannotBeMadeIsToldAndStartGoesOn) {
   EXPECT_EQ(stderr_of([] { EXPECT_LT(qel_ipc_sock_init(), 0); }),
             "cannot create pmmanager fd.: Too many open files\n"
             "can not bind saddr: Bad file descriptor\n");
+  EXPECT_THAT(fake::calls(), ElementsAre("socket(AF_UNIX, SOCK_DGRAM, 0x0000)",
+                                         "unlink(/var/run/qel.udp)", "bind(-1, /var/run/qel.udp)",
+                                         "funcname_thread_add_read(qel_ipc_sock_read, -1)"));
 }
 
 TEST_F(IpcSocketTest, PathThatCannotBeBoundIsToldAndTheSocketIsReadAnyway) {
@@ -683,19 +686,30 @@ TEST_F(IpcTest, AgentIsSwitchedAndTheConfigurationSaved) {
   EXPECT_THAT(fake::sent(), IsEmpty());
 }
 
-TEST_F(IpcTest, SwitchThatIsNoNumberIsOff) {
-  for (const char* member : {"", R"(,"qel_enable":"1")", R"(,"qel_enable":null)",
-                             R"(,"qel_enable":false)", R"(,"qel_enable":[1])"}) {
-    g_qel_dev.enable = 1;
-    event(R"({"type":"cldm_conf")" + std::string(member) + "}");
-    EXPECT_EQ(g_qel_dev.enable, 0U) << member;
-  }
+TEST_F(IpcTest, SwitchThatIsNeitherOnNorOffIsHandedOnAsItIs) {
+  event(R"({"type":"cldm_conf","qel_enable":5})");
+  EXPECT_EQ(g_qel_dev.enable, 5U);
+  EXPECT_THAT(
+      fake::calls_of({"nvram_set", "hal_", "config_save"}),
+      ElementsAre("nvram_set_int_temp(qel_enable, 5)", "hal_qel_enable(5)", "config_save()"));
+  fake::clear_records();
+  event(R"({"type":"cldm_conf","qel_enable":-1})");
+  EXPECT_EQ(g_qel_dev.enable, 4294967295U);
+  EXPECT_THAT(
+      fake::calls_of({"nvram_set", "hal_", "config_save"}),
+      ElementsAre("nvram_set_int_temp(qel_enable, -1)", "hal_qel_enable(-1)", "config_save()"));
 }
 
-TEST_F(IpcTest, SwitchThatIsTrueIsOn) {
-  g_qel_dev.enable = 0;
-  event(R"({"type":"cldm_conf","qel_enable":true})");
-  EXPECT_EQ(g_qel_dev.enable, 1U);
+TEST_F(IpcTest, SwitchThatIsNoNumberIsIgnored) {
+  for (const char* member :
+       {"", R"(,"qel_enable":"1")", R"(,"qel_enable":"0")", R"(,"qel_enable":null)",
+        R"(,"qel_enable":false)", R"(,"qel_enable":true)", R"(,"qel_enable":[1])",
+        R"(,"qel_enable":{"qel_enable":1})"}) {
+    for (const uint32_t before : {0U, 1U}) {
+      g_qel_dev.enable = before;
+      expect_no_effect(R"({"type":"cldm_conf")" + std::string(member) + "}");
+    }
+  }
 }
 
 TEST_F(IpcTest, ConfigurationThatCannotBeSavedIsNoHindrance) {
