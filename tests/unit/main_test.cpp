@@ -180,6 +180,18 @@ TEST_F(MainTest, SocketsThatCannotBeOpenedDoNotStopTheStart) {
   EXPECT_EQ(fake::registered("qel_timer_second"), 1);
 }
 
+TEST_F(MainTest, EventSocketThatCannotBeBoundDoesNotStopTheAgent) {
+  fake::fail_os("bind", EADDRINUSE);
+  EXPECT_EQ(stderr_of([] { EXPECT_EQ(start_agent(), 0); }),
+            "can not bind saddr: Address already in use\n");
+  EXPECT_THAT(fake::calls(), Contains("thread_main(master)"));
+  EXPECT_EQ(fake::registered("qel_timer_second"), 1);
+  receive(R"({"cmd":"get","subcmd":"ports_link"})");
+  EXPECT_THAT(sent_messages(),
+              ElementsAre(R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_link",)"
+                          R"("data":{"ge1":[0,0,0,0],"ge2":[0,0,0,0],"ge3":[0,0,0,0]}})"));
+}
+
 TEST_F(MainTest, RegistrationsTellTheirNameAndSource) {
   start_agent();
   int seen = 0;
