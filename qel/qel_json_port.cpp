@@ -167,7 +167,7 @@ size_t qel_json_port_pos(qel_text& out) {
 size_t qel_json_port_get_config(qel_text& out, int32_t page) {
   start(out, "ports_conf");
   write_page(out, page, __LINE__, __func__, [&](struct uif* uif, qel_port*) {
-    out.put_int(uif_is_enable(uif));
+    out.put(uif_is_enable(uif) != 0 ? '1' : '0');
     out.put(",\"");
     // The link speed in Mbit/s is taken for an index of the configured speeds, as peers know it:
     // nearly every port so reports "AN", and one at 10 Mbit/s "5G".
@@ -184,7 +184,8 @@ size_t qel_json_port_get_config(qel_text& out, int32_t page) {
 size_t qel_json_port_link(qel_text& out) {
   start(out, "ports_link");
   write_rows(out, __LINE__, __func__, [&](struct uif* uif, qel_port* port, int32_t) {
-    put_numbers(out, {uif_is_linkup(uif), uif->speed, uif->duplex, port->restart_left});
+    const int link = uif_is_linkup(uif) != 0 ? 1 : 0;
+    put_numbers(out, {link, uif->speed, uif->duplex, port->restart_left});
   });
   return finish(out);
 }

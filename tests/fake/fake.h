@@ -140,6 +140,8 @@ void add_ports(int count);
 struct uif* add_interface(const char* name, uint32_t index);
 // Appends a list node without data: a broken invariant.
 void add_null_interface();
+// What uif_is_enable and uif_is_linkup return for a yes, instead of 1.
+void set_uif_yes(int value);
 
 // The machine's own network interface, as ioctl tells it.
 struct NetInterface {

@@ -15,6 +15,8 @@ int g_port_max = 0;
 
 namespace {
 
+int g_yes = 1;
+
 std::vector<std::unique_ptr<struct uif>>& all_records() {
   static auto* const instance = new std::vector<std::unique_ptr<struct uif>>;
   return *instance;
@@ -75,11 +77,11 @@ struct uif* uif_lookup_by_port_index(int port_index) {
 }
 
 int uif_is_enable(const struct uif* uif) {
-  return (uif->flags & UIF_FLAG_DISABLED) == 0 ? 1 : 0;
+  return (uif->flags & UIF_FLAG_DISABLED) == 0 ? g_yes : 0;
 }
 
 int uif_is_linkup(const struct uif* uif) {
-  return uif->link != 0 ? 1 : 0;
+  return uif->link != 0 ? g_yes : 0;
 }
 
 }  // extern "C"
@@ -121,6 +123,10 @@ void add_null_interface() {
   listnode_add(g_uif_list, nullptr);
 }
 
+void set_uif_yes(int value) {
+  g_yes = value;
+}
+
 void internal::reset_uif() {
   static struct list* const list = list_new();
   while (list->head != nullptr) {
@@ -128,6 +134,7 @@ void internal::reset_uif() {
   }
   g_uif_list = list;
   g_port_max = 0;
+  g_yes = 1;
 }
 
 }  // namespace fake

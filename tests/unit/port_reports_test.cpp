@@ -508,6 +508,21 @@ TEST_F(ReportTest, LinkShowsStateSpeedDuplexAndRestart) {
             R"({"a":[1,10000,1,0],"b":[0,-1,2,255]}})");
 }
 
+TEST_F(ReportTest, AnyYesOfThePlatformIsOne) {
+  fake::add_port("a", {.link = 1});
+  fake::add_port("b", {.link = 0, .disabled = true});
+  start();
+  for (const int yes : {64, -1, INT_MIN}) {
+    fake::set_uif_yes(yes);
+    EXPECT_EQ(built(qel_json_port_get_config, 0),
+              R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_conf","data":)"
+              R"({"a":[1,"AN",0,0,0,0,0,0],"b":[0,"AN",0,0,0,0,0,0]}})");
+    EXPECT_EQ(built(qel_json_port_link),
+              R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_link","data":)"
+              R"({"a":[1,0,0,0],"b":[0,0,0,0]}})");
+  }
+}
+
 // ---------------------------------------------------------------------------------------------
 // A broken list
 
