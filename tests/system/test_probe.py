@@ -1,10 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """The probe and its answer over real Ethernet, byte for byte, on the 28-port board."""
 
+import json
 import re
 
+import pytest
 from gateway import GROUP, frame
-from labkit import BOARDS
+from labkit import BOARDS, wait_until
 
 SYSTEM_MAC = bytes.fromhex("0a1b2c3d4e5f")
 
@@ -16,6 +18,18 @@ ANSWER = re.compile(
     rb'"sw_version":"V2\.1","active":1,"sys_active":0,"cpu":(?P<cpu>[0-9]{1,3}),'
     rb'"mem":(?P<mem>[0-9]{1,3}),"ntick":12\}\}\x00'
 )
+
+# An operator at the switch: says the words of the command line to its shell.
+SHELL = """
+import socket, sys
+shell = socket.socket(socket.AF_UNIX)
+shell.connect("/var/run/qel.vty")
+shell.settimeout(10)
+shell.sendall("\\n".join(["enable", "configure terminal", *sys.argv[1:], "end", "exit", ""]).encode())
+while part := shell.recv(65536):
+    sys.stdout.write(part.decode())
+"""
+
 
 def probe_frame(gateway, destination):
     """A probe as a controller sends it."""
@@ -120,6 +134,67 @@ def test_the_other_boards_answer_too(make_lab):
     for name, mac in (("ge10", "0a1b2c3d4e10"), ("ge52", "0a1b2c3d4e52")):
         lab = make_lab("--board", str(BOARDS / f"{name}.json"))
         assert lab.gateway.probe().json["mac"] == mac
+
+
+def shell(lab, *lines):
+    assert "%" not in lab.switch("python3", "-c", SHELL, *lines).stdout
+
+
+def rule(lab):
+    """The rule that stops the gateway's frames, as the switch's kernel has it; "" when there is none."""
+    return lab.switch("nft", "list", "chain", "netdev", "morva", "frames", check=False).stdout
+
+
+def frames_to_cpu(lab):
+    return json.loads(lab.morvactl("show", "--json").stdout)["frames_to_cpu"]
+
+
+def stopped(lab, ntick):
+    """Sends a probe and sees it end in the rule that stops it."""
+    assert frames_to_cpu(lab) == 0
+    before = int(re.search("counter packets ([0-9]+)", rule(lab))[1])
+    lab.gateway.command("probe", "probe", {"ntick": ntick})
+    wait_until(lambda: f"counter packets {before + 1} " in rule(lab), "the probe in the rule's counter")
+
+
+@pytest.mark.parametrize("board", ["ge10", "ge28", "ge52"])
+def test_an_agent_that_is_disabled_is_out_of_the_gateways_reach(make_lab, board):
+    lab = make_lab("--board", str(BOARDS / f"{board}.json"))
+    gateway = lab.gateway
+    gateway.probe()
+    assert rule(lab) == ""
+    shell(lab, "qel disable", "write")
+    stopped(lab, 101)
+
+    before = lab.pid("morvad"), lab.pid("qel")
+    lab.morvactl("restart")
+    wait_until(lambda: None not in (now := (lab.pid("morvad"), lab.pid("qel"))) and now != before, "the restart")
+    wait_until(lambda: lab.log("qel").count(" starting") == 2, "the agent's start")
+    wait_until(lambda: lab.switch("test", "-S", "/var/run/qel.vty", check=False).returncode == 0, "the shell")
+    shell(lab)  # is answered after the first turn of the agent's loop, which applied the file
+    stopped(lab, 102)
+
+    shell(lab, "qel enable")
+    assert frames_to_cpu(lab) == 1
+    assert rule(lab) == ""
+    # An answer to one of those before would come before this one's.
+    assert [one.json["data"].get("ntick") for one in gateway.until_probe(103)] == [103]
+
+
+def test_the_interface_that_is_made_anew_is_as_shut_as_the_one_before(make_lab):
+    lab = make_lab()
+    shell(lab, "qel disable")
+    wait_until(lambda: 'device "vlanif1"' in rule(lab), "the rule")
+    lab.switch("ip", "link", "del", "vlanif1")
+    wait_until(lambda: "vlanif1 is gone" in lab.log("morvad"), "morvad to hear of it")
+    assert frames_to_cpu(lab) == 0
+    lab.switch("nft", "delete", "table", "netdev", "morva", check=False)  # some kernels keep what is left of it
+    lab.switch("ip", "link", "add", "vlanif1", "type", "veth", "peer", "name", "far0")
+    wait_until(lambda: 'device "vlanif1"' in rule(lab), "the rule")
+    address = ["ip", "-4", "-o", "address", "show", "dev", "vlanif1"]
+    wait_until(lambda: " inet 192.168.1.10/24 " in lab.switch(*address).stdout, "the address")
+    shell(lab, "qel enable")
+    assert rule(lab) == ""
 
 
 def test_three_switches_on_one_network(make_lab):

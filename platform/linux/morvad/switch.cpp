@@ -166,7 +166,9 @@ std::string Switch::frames_to_cpu_set(bool on) {
 }
 
 std::string Switch::refresh_l2() {
-  if (backing_ == nullptr) {
+  const bool kernels = std::any_of(ports_.begin(), ports_.end(),
+                                   [](const Port& port) { return port.binding->driven(); });
+  if (backing_ == nullptr || !kernels) {
     return {};
   }
   std::vector<L2Entry> entries;

@@ -95,7 +95,7 @@ class Switch {
   std::string frames_to_cpu_set(bool on);
 
   /// Says who stands behind the switch as a whole; not owned. `frames` is what it does with the
-  /// gateway's frames now. Null: the switch lives in memory.
+  /// gateway's frames now. Null: what is told is remembered, no more.
   void back(Backing* backing, bool frames);
 
   /// Reads the layer-2 table anew where it is kept by somebody else. "" when done, else why not.
@@ -103,6 +103,9 @@ class Switch {
 
   /// The agent has just started.
   void agent_started();
+
+  /// Seconds until the agent is told the PoE figures, see send_poe_update_soon; 0: nobody waits.
+  int poe_update_in = 0;
 
  private:
   /// Runs `change` on the port, keeps its counters right, tells the observer if its status moved.

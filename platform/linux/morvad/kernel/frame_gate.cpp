@@ -24,7 +24,8 @@ struct NftFree {
   void operator()(nft_ctx* context) const { nft_ctx_free(context); }
 };
 
-/// Runs nftables commands as one transaction. "" when done, else the first line of what it said.
+}  // namespace
+
 std::string run_nft(const std::string& commands) {
   const std::unique_ptr<nft_ctx, NftFree> context(nft_ctx_new(NFT_CTX_DEFAULT));
   if (context == nullptr) {
@@ -40,10 +41,12 @@ std::string run_nft(const std::string& commands) {
   return "nftables: " + text.substr(0, text.find('\n'));
 }
 
-}  // namespace
+bool FrameGate::rule_is_there() const {
+  return nft_("list chain netdev morva frames").empty();
+}
 
 bool FrameGate::found_shut() {
-  open_ = !run_nft("list chain netdev morva frames").empty();
+  open_ = !rule_is_there();
   return !open_;
 }
 
@@ -59,7 +62,8 @@ std::string FrameGate::set(bool open) {
                 interface_ +
                 "\" priority 0; policy accept;\nmeta protocol 0x9301 counter drop\n}\n}\n";
   }
-  std::string refusal = run_nft(commands);
+  // Looking costs far less than removing what is not there, which every start would pay for.
+  std::string refusal = open && !rule_is_there() ? "" : nft_(commands);
   // Without nftables in the kernel nothing was ever shut, so opening needs nothing of it.
   if (!refusal.empty() && (!open || !open_)) {
     return refusal;
@@ -89,7 +93,9 @@ std::string FrameGate::join() {
 
 std::string FrameGate::interface_made(int index) {
   index_ = index;
-  return set(open_);
+  std::string refusal = set(open_);
+  open_ = open_ || !refusal.empty();
+  return refusal;
 }
 
 void FrameGate::interface_gone() {

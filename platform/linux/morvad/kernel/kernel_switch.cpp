@@ -31,11 +31,11 @@ void log_failure(const char* what, const std::string& refusal) {
 
 }  // namespace
 
-KernelSwitch::KernelSwitch(event_base* base, Switch& sw, Host& host)
+KernelSwitch::KernelSwitch(event_base* base, Switch& sw, Host& host, FrameGate::Nft nft)
     : base_(base),
       switch_(&sw),
       host_(&host),
-      gate_(sw.board().management.interface),
+      gate_(sw.board().management.interface, std::move(nft)),
       announcer_(sw, host),
       lldp_(base, [this](const LldpNews& news) { announcer_.lldp(news); }) {}
 
@@ -43,9 +43,7 @@ KernelSwitch::~KernelSwitch() {
   if (readable_ != nullptr) {
     event_free(readable_);
   }
-  if (!places_.empty()) {
-    switch_->back(nullptr, true);
-  }
+  switch_->back(nullptr, true);
   for (const PortPlace& place : places_) {
     place.port->binding = std::make_unique<MemoryBinding>();
   }
@@ -59,14 +57,13 @@ std::string KernelSwitch::start() {
       switch_->bind(port, std::move(binding));
     }
   }
-  if (places_.empty()) {
-    return {};
-  }
-  if (!events_.unusable().empty()) {
-    return "rtnetlink: " + events_.unusable();
-  }
   const bool shut = gate_.found_shut();
   switch_->back(this, !shut);
+  if (!events_.unusable().empty()) {
+    const std::string refusal = "rtnetlink: " + events_.unusable();
+    log_failure("interfaces", places_.empty() ? refusal : "");
+    return places_.empty() ? "" : refusal;
+  }
   readable_ = event_new(
       base_, events_.fd(), EV_READ | EV_PERSIST,
       [](evutil_socket_t, short, void* raw) { static_cast<KernelSwitch*>(raw)->read_events(); },
@@ -82,7 +79,9 @@ std::string KernelSwitch::start() {
   if (bridge_ == 0) {
     log_line("there is no " + switch_->board().management.interface + " yet");
   }
-  tick();
+  if (!places_.empty()) {
+    tick();
+  }
   return {};
 }
 
@@ -132,10 +131,11 @@ void KernelSwitch::bridge_link(const LinkState& link) {
   const std::string& name = switch_->board().management.interface;
   if (link.name == name && link.index != bridge_) {
     bridge_ = link.index;
-    log_line(name + ": there is a bridge of this name, interface " + std::to_string(link.index));
+    log_line(name + " is there, interface " + std::to_string(link.index));
     const std::string refusal = gate_.interface_made(link.index);
     if (!refusal.empty()) {
       log_line("the gateway's frames: " + refusal);
+      switch_->back(this, gate_.open());
     }
     apply_management(*switch_, *host_);
   } else if (link.name != name && link.index == bridge_) {
@@ -220,7 +220,7 @@ void KernelSwitch::lost(PortPlace& place, const std::string& how) {
 }
 
 void KernelSwitch::fdb(const FdbEntry& entry, bool gone) {
-  if (entry.master == 0 || entry.master != bridge_ || entry.own) {
+  if (places_.empty() || entry.master == 0 || entry.master != bridge_ || entry.own) {
     return;
   }
   const std::pair<Mac, uint16_t> key(entry.mac, entry.vid);
@@ -244,7 +244,7 @@ void KernelSwitch::fdb(const FdbEntry& entry, bool gone) {
 }
 
 void KernelSwitch::arp(const ArpEntry& entry, bool gone) {
-  if (entry.index != bridge_) {
+  if (places_.empty() || entry.index != bridge_) {
     return;
   }
   if (gone) {
@@ -333,7 +333,8 @@ void KernelSwitch::tick() {
 // --- what the switch asks for -----------------------------------------------------------------
 
 std::string KernelSwitch::let_frames(bool through) {
-  return gate_.set(through);
+  // Without the kernel's news nobody knows which interface the rule belongs on.
+  return readable_ != nullptr ? gate_.set(through) : "rtnetlink: " + events_.unusable();
 }
 
 void KernelSwitch::agent_started() {

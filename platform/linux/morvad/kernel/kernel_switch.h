@@ -8,6 +8,9 @@
 //     Netlink, ethtool, lldpd --> KernelSwitch --> Switch (observer -> interface manager)
 //     module commands --> Switch --> KernelPort --> Netlink, ethtool
 //
+// On a board whose ports all live in memory only the management interface is looked after: whether
+// the gateway's frames get in by it, and its address when it is made anew.
+//
 // Ports are bound by the name of their interface: one that vanishes leaves its port without link,
 // one that appears under the name, new or renamed, stands behind the port from then on.
 #ifndef MORVA_LINUX_MORVAD_KERNEL_KERNEL_SWITCH_H
@@ -40,11 +43,11 @@ class KernelSwitch : public Backing, private NetlinkReader {
   static constexpr int kListTicks = 15;   // LLDP neighbours are told anew every so many ticks
 
   /// None is owned; all outlive this.
-  KernelSwitch(event_base* base, Switch& sw, Host& host);
+  KernelSwitch(event_base* base, Switch& sw, Host& host, FrameGate::Nft nft = run_nft);
   ~KernelSwitch() override;
 
-  /// Binds the ports, reads the kernel's state and listens. "" when done, else why not. Where no
-  /// port has an interface it does nothing at all.
+  /// Binds the ports, reads the kernel's state and listens. "" when done, else why not; a board
+  /// without a port in the kernel does without the kernel's news, and the log says so.
   std::string start();
 
   std::string let_frames(bool through) override;
