@@ -3,6 +3,7 @@
 // The command line: shared options, the list of commands, and the exit status.
 #include "gateway/cli/command_line.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include <fmt/format.h>
@@ -125,7 +126,11 @@ int run_command_line(int argc, char** argv) {
     fmt::print(stderr, "{}", choice_fault(&app));
     return static_cast<int>(ExitCode::Usage);
   }
-  if (!options.udp.empty() && !options.interface.empty() && app.count("--interface") > 0) {
+  // The environment's interface is a habit, not a wish: only one that was typed contradicts --udp.
+  const auto& typed = app.parse_order();
+  const bool names_interface =
+      std::ranges::find(typed, app.get_option("--interface")) != typed.end();
+  if (!options.udp.empty() && !options.interface.empty() && names_interface) {
     fmt::print(stderr, "qelctl: -i and --udp exclude each other\n");
     return static_cast<int>(ExitCode::Usage);
   }

@@ -201,6 +201,8 @@ def test_over_udp(tmp_path):
         lab.run("ip", "address", "add", "192.168.1.2/24", "dev", "gw0", check=False)
         qelctl = Qelctl(lab, "--udp", "192.168.1.11")
         assert qelctl.json("discover")[0]["name"] == "desk-sw"
+        habit = {"environment": ["QELCTL_INTERFACE=gw0"]}  # does not contradict what is typed
+        assert qelctl.json("discover", **habit)[0]["name"] == "desk-sw"
         assert len(qelctl.json("ports")[0]["ports"]) == 10
         assert "took" in qelctl("--yes", "port", "disable", "ge1").stdout
         assert "saved" in qelctl("backup", str(tmp_path / "u.tar.gz")).stdout
