@@ -17,7 +17,7 @@ SECONDS = 60.0
 BASH = ["bash", "-euo", "pipefail", "-c"]
 OWN_NETWORK = ["unshare", "--user", "--map-root-user", "--net", "--mount"]
 # The documents' scripts take what they need from here; nobody waits for a demo to be read.
-ENVIRONMENT = {"DEMO_PAUSE": "0", "QELCTL_INTERFACE": "gw0"}
+ENVIRONMENT = {"DEMO_PAUSE": "0"}
 
 
 @pytest.fixture(scope="module")

@@ -250,6 +250,15 @@ def test_the_directory_goes_unless_it_was_given_or_kept(tmp_path):
     assert "starting" in (given / "qel.log").read_text(encoding="utf-8")
 
 
+def test_qelctl_is_told_the_wire(monkeypatch):
+    monkeypatch.setenv("QELCTL_INTERFACE", "eth0")  # one of the machine's
+    result = run_lab("--switches", "3", "--", "qelctl", "discover", "--expect", "3")
+    assert (result.returncode, result.stderr) == (0, "")
+    assert [line.split()[0] for line in result.stdout.splitlines()] == [
+        *("MAC", "0a:1b:2c:3d:4e:5f", "0a:1b:2c:3d:4e:60", "0a:1b:2c:3d:4e:61")
+    ]
+
+
 # --- failing ------------------------------------------------------------------------------------
 
 

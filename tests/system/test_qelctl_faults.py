@@ -31,6 +31,27 @@ def test_no_such_interface(qelctl):
     assert qelctl("-i", "lo", "discover", status=1).stderr == "qelctl: interface lo is not Ethernet\n"
 
 
+# The lab names the wire; this takes the name away again.
+UNNAMED = {"environment": ["-u", "QELCTL_INTERFACE"]}
+
+
+def test_without_a_name_the_only_interface_is_meant(make_lab, tmp_path):
+    lab = make_lab("--board", quiet_board(tmp_path))
+    qelctl = Qelctl(lab)
+    assert [one["mac"] for one in qelctl.json("discover", **UNNAMED)] == [MAC]
+    lab.run("ip", "link", "set", "gw0", "down")
+    assert qelctl("discover", status=2, **UNNAMED).stderr == (
+        "qelctl: no network interface is up; name one with -i, or a host with --udp\n"
+    )
+
+
+def test_without_a_name_none_of_several_interfaces_is_meant(make_lab):
+    qelctl = Qelctl(make_lab("--switches", "2"))
+    assert qelctl("discover", status=2, **UNNAMED).stderr == (
+        "qelctl: several network interfaces are up; name one with -i: br gw0 gw0p sw1 sw2\n"
+    )
+
+
 def test_no_permission_says_which_and_how(qelctl):
     result = qelctl.lab.run(
         "setpriv", "--bounding-set", "-net_raw", "--inh-caps", "-net_raw", "qelctl", "discover", check=False

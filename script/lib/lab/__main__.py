@@ -24,7 +24,8 @@ READY_SECONDS_PER_SWITCH = 0.5  # each switch beyond the first
 DESCRIPTION = """Builds a switch and a gateway out of namespaces, runs COMMAND (an interactive shell
 without one) in the gateway's network namespace. The cable's ends are gw0 (gateway) and vlanif1
 (switch). COMMAND finds $LAB_DIR (console.log, qel.log, morvad.log, queries.jsonl, nvram.conf, ...)
-and $LAB_SWITCH, a prefix that runs its arguments inside the switch. A LAB_DIR from the environment
+and $LAB_SWITCH, a prefix that runs its arguments inside the switch; qelctl finds $QELCTL_INTERFACE.
+A LAB_DIR from the environment
 is used and left behind; files in its conf/ are the switch's /var/conf. QEL_BUILD_DIR names another
 folder whose bin/ holds the programs. With LAB_RESPAWN=1 a daemon that ended is started again."""
 

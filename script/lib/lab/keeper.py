@@ -188,6 +188,9 @@ class Keeper:
         for switch in self.switches:
             environment[f"LAB_SWITCH_{switch.number}"] = shlex.join(switch.prefix())
         environment.update(bridge.environment(self.hosts))
+        # Where the switches are, also when the wire has more ends on this side. A name that the
+        # caller has set is one of the machine's and means nothing here.
+        environment["QELCTL_INTERFACE"] = "gw0"
         environment["PATH"] = f"{self.options.build_dir}/bin:{environment['PATH']}"
         if self.options.interactive:
             environment.setdefault("PS1", "lab$ ")
