@@ -277,6 +277,15 @@ def test_power_priority_is_reported(make_lab):
     assert rows(lab, "ports_poe")["ge7"] == [0, 3]
 
 
+def test_power_is_told_to_an_agent_that_starts_and_by_a_morvad_that_starts(make_lab):
+    lab = make_lab(environment={"LAB_RESPAWN": "1"})
+    (lab.dir / "conf/qel.conf").write_text("qel debug 4\n!\n", encoding="ascii")  # for the next agent
+    for name, times in (("qel", 1), ("morvad", 2)):
+        lab.run("kill", "-KILL", str(lab.pid(name)))
+        told = lambda: lab.console().count("[qel_ipc_cmd_handle,370] typestr[poe_update] \n")
+        wait_until(lambda n=times, now=told: now() == n, f"the figures after the start of {name}")
+
+
 # ---- port names that no honest gateway sends -----------------------------------------------------
 
 

@@ -135,6 +135,7 @@ int run(Board board) {
   if (!bind_modules(server)) {
     return kExitFailed;
   }
+  send_poe_update_soon(context);  // an agent that lived on knows the figures of before
   log_line("board " + sw.board().name + ", " + std::to_string(sw.ports().size()) + " ports, ready");
   event_base_dispatch(base.get());
   const int status = host.finish();

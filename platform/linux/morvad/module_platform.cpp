@@ -29,6 +29,7 @@ void if_table_get(Context& context, const Request&, std::string& out) {
 void hal_init(Context& context, const Request& request, std::string& out) {
   context.host.attach(request.pid);
   context.sw.agent_started();
+  send_poe_update_soon(context);
   answer(out);
 }
 

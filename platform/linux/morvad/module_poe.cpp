@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Module "poe": power over Ethernet of the ports that can feed it.
+#include <algorithm>
 #include <optional>
 
 #include "platform/linux/morvad/modules.h"
@@ -103,6 +104,18 @@ void alarm_info_get(Context& context, const Request&, std::string& out) {
         ",\"usepower\":" + std::to_string(context.sw.poe_used()) + "}";
 }
 
+/// One timer at a time, whoever asks for one and how often.
+void count_down_to_poe_update(Context& context) {
+  context.host.after(1, [&sw = context.sw, &host = context.host] {
+    Context later{sw, host};
+    if (--sw.poe_update_in == 0) {
+      send_poe_update(later);
+    } else {
+      count_down_to_poe_update(later);
+    }
+  });
+}
+
 constexpr Command kCommands[] = {
     {"poe_qel_port_config_get_all", port_config_get_all},
     {"poe_qel_port_config_set", port_config_set},
@@ -129,8 +142,23 @@ void send_poe_update(Context& context) {
   const json event = {{"type", "poe_update"},
                       {"pwroccu", total > 0 ? used * 100 / total : 0},
                       {"data", std::move(rows)}};
-  // An agent that does not run hears the next one.
-  (void)context.host.send_event(to_text(event));
+  if (!context.host.send_event(to_text(event))) {
+    send_poe_update_soon(context);
+  }
+}
+
+void send_poe_update_soon(Context& context) {
+  const std::vector<Port>& ports = context.sw.ports();
+  const bool feeds =
+      std::any_of(ports.begin(), ports.end(), [](const Port& port) { return port.built.poe; });
+  if (!feeds) {
+    return;
+  }
+  const bool waits = context.sw.poe_update_in != 0;
+  context.sw.poe_update_in = waits ? 2 : 1;
+  if (!waits) {
+    count_down_to_poe_update(context);
+  }
 }
 
 }  // namespace morvad

@@ -71,8 +71,13 @@ Port& named_port(Context& context, const std::string& name);
 /// Stores settings or throws Refused.
 void store_or_refuse(Context& context, const SettingPairs& pairs);
 
-/// Tells the agent the PoE figures of all ports, as a local event.
+/// Tells the agent the PoE figures of all ports, as a local event. One that cannot take it now is
+/// told soon.
 void send_poe_update(Context& context);
+
+/// The same where a port can feed power, but one or two seconds from now, and again until the agent
+/// takes it: one that says that it starts does not listen yet.
+void send_poe_update_soon(Context& context);
 
 /// Back to the factory's settings. Throws Refused when they cannot be stored.
 void restore_factory(Context& context);

@@ -235,6 +235,64 @@ TEST_F(ModulesTest, PoeChangesAreToldToTheAgent) {
   EXPECT_EQ(host.events, expected);
 }
 
+TEST_F(ModulesTest, AnAgentThatStartsIsToldThePoeFiguresOnceItListens) {
+  host.agent_listens = false;
+  EXPECT_EQ(ask(kHal, R"({"mdl":"hal","cmd":"init"})"), kDone);
+  EXPECT_EQ(ask(kHal, R"({"mdl":"hal","cmd":"init"})"), kDone);
+  EXPECT_EQ(host.timers.size(), 1U);  // however often somebody says that he starts
+  host.advance_ms(2500);
+  host.agent_listens = true;
+  host.advance_ms(499);
+  EXPECT_TRUE(host.events.empty());
+  host.advance_ms(1);
+  const std::vector<std::string> expected = {
+      R"({"data":[{"name":"ge1","poe_priority":0,"power":6500,"power_max":30000},)"
+      R"({"name":"ge2","poe_priority":0,"power":0,"power_max":15400}],)"
+      R"("pwroccu":10,"type":"poe_update"})"};
+  EXPECT_EQ(host.events, expected);
+  host.advance_ms(60000);
+  EXPECT_EQ(host.events.size(), 1U);
+  EXPECT_EQ(ask(kHal, R"({"mdl":"hal","cmd":"init"})"), kDone);  // the agent starts anew
+  host.advance_ms(999);                                          // time to begin listening
+  EXPECT_EQ(host.events.size(), 1U);
+  host.advance_ms(1);
+  EXPECT_EQ(host.events.size(), 2U);
+}
+
+TEST_F(ModulesTest, AnAgentThatStartsJustBeforeATellingHasItsTimeToo) {
+  const std::string init = R"({"mdl":"hal","cmd":"init"})";
+  EXPECT_EQ(ask(kHal, init), kDone);
+  host.advance_ms(990);
+  EXPECT_EQ(ask(kHal, init), kDone);
+  host.advance_ms(999);
+  EXPECT_TRUE(host.events.empty());
+  host.advance_ms(1000);
+  EXPECT_EQ(host.events.size(), 1U);
+}
+
+TEST_F(ModulesTest, PoeFiguresThatTheAgentCouldNotTakeAreToldAsTheyAreLater) {
+  host.agent_listens = false;
+  command(kControl, "poe_set", R"({"port":"ge2","power":15000,"priority":3})");
+  command(kControl, "poe_set", R"({"port":"ge2","power":9100})");
+  host.agent_listens = true;
+  host.advance_ms(60000);
+  ASSERT_EQ(host.events.size(), 1U);
+  EXPECT_EQ(json::parse(host.events[0])["data"][1],
+            json::parse(R"({"name":"ge2","poe_priority":3,"power":9100,"power_max":15400})"));
+}
+
+TEST_F(ModulesTest, ABoardWithoutPowerHasNoPoeFiguresToTell) {
+  nlohmann::json board = nlohmann::json::parse(kSmallBoard);
+  for (nlohmann::json& row : board["ports"]) {
+    for (const char* key : {"poe", "poe_limit", "poe_power"}) {
+      row.erase(key);
+    }
+  }
+  restart_switch(board.dump());
+  EXPECT_EQ(ask(kHal, R"({"mdl":"hal","cmd":"init"})"), kDone);
+  EXPECT_TRUE(host.timers.empty());
+}
+
 TEST_F(ModulesTest, PoeRestartCutsThePowerForItsDelay) {
   EXPECT_EQ(command(kPoe, "poe_qel_port_reboot", R"([{"name":"ge1","delay":2}])"), kDone);
   EXPECT_EQ(sw->poe_used(), 0);

@@ -78,13 +78,6 @@ TEST(Lldp, AStreamIsCutIntoObjects) {
   EXPECT_EQ(objects.size(), 3U);
 }
 
-/// A host whose agent can be away.
-class AwayHost : public FakeHost {
- public:
-  bool send_event(const std::string& text) override { return there && FakeHost::send_event(text); }
-  bool there = true;
-};
-
 /// A neighbour `mac` on `interface` that tells neither an address nor what he can do.
 std::string silent(const std::string& interface, const std::string& mac) {
   return R"({"lldp-added":[{"interface":[{"name":")" + interface +
@@ -106,7 +99,7 @@ class AnnouncerTest : public SwitchTest {
     return json::parse(away.events.back()).value("management_address", "none");
   }
 
-  AwayHost away;
+  FakeHost away;
   Announcer announcer;
 };
 
@@ -122,12 +115,12 @@ TEST_F(AnnouncerTest, AnAddressIsToldOnceUntilItMoves) {
 }
 
 TEST_F(AnnouncerTest, WhatTheAgentMissedIsToldLater) {
-  away.there = false;
+  away.agent_listens = false;
   announcer.address("192.168.1.20", "00:11:22:33:44:55", port("ge1"));
   announcer.lldp(news_of(lldp_text("lldp-added", "swp1", "true")));
   announcer.retry();
   EXPECT_EQ(told(), 0U);
-  away.there = true;
+  away.agent_listens = true;
   announcer.retry();
   EXPECT_EQ(told(), 2U);
   announcer.retry();
@@ -189,9 +182,9 @@ TEST_F(AnnouncerTest, ANeighbourWithoutAddressDoesNotInheritOne) {
 
 TEST_F(AnnouncerTest, ANeighbourToldLateHasTheAddressThatCameInBetween) {
   announcer.lldp(news_of(lldp_text("lldp-added", "swp1", "true")));
-  away.there = false;
+  away.agent_listens = false;
   announcer.lldp(news_of(silent("swp1", "02:00:00:00:00:0a")));
-  away.there = true;
+  away.agent_listens = true;
   announcer.address("192.168.1.20", "02:00:00:00:00:0a", port("ge1"));
   announcer.retry();
   ASSERT_EQ(told(), 3U);

@@ -39,8 +39,10 @@ class FakeHost : public Host {
   bool address_get(const std::string& interface, Address& out) override;
   int address_set(const std::string& interface, const Address& address) override;
   bool send_event(const std::string& text) override {
-    events.push_back(text);
-    return true;
+    if (agent_listens) {
+      events.push_back(text);
+    }
+    return agent_listens;
   }
   bool run(const std::string& path, const std::string& argument,
            std::function<void(int)> done) override;
@@ -59,6 +61,7 @@ class FakeHost : public Host {
   Address address = {"192.168.1.10", 24};
   bool has_address = true;
   int set_result = 0;
+  bool agent_listens = true;
   std::vector<std::string> events;
   std::vector<std::string> programs;  // "path argument"
   std::function<void(int)> program_done;
