@@ -23,5 +23,16 @@ die() {
   exit 1
 }
 
+# Ends the script with what is wrong with its command line, exit status 2.
+misuse() {
+  printf '%s: %s; see --help\n' "$(basename "$0")" "$*" >&2
+  exit 2
+}
+
+# Ends the script where more than $1 arguments follow: `at_most 1 "$@"`.
+at_most() {
+  (($# - 1 <= $1)) || misuse "unknown argument '${*:$1+2:1}'"
+}
+
 # Prints the block of comment at the head of the calling script, without the licence line.
 usage() { sed -n '2,/^[^#]/{/^# SPDX/d;/^# shellcheck/d;/^[^#]/d;s/^# \{0,1\}//p}' "$0" | sed '1{/^$/d}'; }
