@@ -18,32 +18,52 @@ constexpr unsigned kParameterMaximum = 999;
 constexpr char kStepBack = '\b';
 constexpr char kBell = '\a';
 
-void step_back(std::string& echo, size_t count) {
-  echo.append(count, kStepBack);
+// Goes back from one place of the line to another.
+void step_back(const Editor& editor, size_t from, size_t to, std::string& echo) {
+  const size_t rows =
+      (editor.prompt + from) / editor.columns - (editor.prompt + to) / editor.columns;
+  if (rows == 0) {
+    echo.append(from - to, kStepBack);
+    return;
+  }
+  echo += "\x1b[" + std::to_string(rows) + "A\r";
+  const size_t column = (editor.prompt + to) % editor.columns;
+  if (column != 0) {
+    echo += "\x1b[" + std::to_string(column) + "C";
+  }
+}
+
+// To be called when the line was printed up to `place`. At the end of a row one terminal waits
+// there for the next letter, another is in the next row already: the letter of the place, printed
+// and stepped back from, makes them agree.
+void settle(const Editor& editor, size_t place, std::string& echo) {
+  if (place != 0 && (editor.prompt + place) % editor.columns == 0) {
+    echo += place < editor.line.size() ? editor.line[place] : ' ';
+    echo += '\r';
+  }
 }
 
 // Prints what stands behind the cursor, wipes `gone` columns after it, and returns to the cursor.
 void show_tail(const Editor& editor, size_t gone, std::string& echo) {
+  const size_t end = editor.line.size() + gone;
   echo.append(editor.line, editor.cursor, std::string::npos);
   echo.append(gone, ' ');
-  step_back(echo, editor.line.size() - editor.cursor + gone);
+  settle(editor, end, echo);
+  step_back(editor, end, editor.cursor, echo);
 }
 
 void move_to(Editor& editor, size_t target, std::string& echo) {
   if (target < editor.cursor) {
-    step_back(echo, editor.cursor - target);
-  } else {
+    step_back(editor, editor.cursor, target, echo);
+  } else if (target > editor.cursor) {
     echo.append(editor.line, editor.cursor, target - editor.cursor);
+    settle(editor, target, echo);
   }
   editor.cursor = target;
 }
 
 void move_left(Editor& editor, std::string& echo) {
   move_to(editor, editor.cursor - (editor.cursor > 0 ? 1 : 0), echo);
-}
-
-void move_right(Editor& editor, std::string& echo) {
-  move_to(editor, std::min(editor.cursor + 1, editor.line.size()), echo);
 }
 
 // Removes the `count` bytes at the cursor (as many as there are).
@@ -81,7 +101,7 @@ EditorAction feed_arrow(Editor& editor, uint8_t byte, std::string& echo) {
     case 'B':
       return EditorAction::kNext;
     case 'C':
-      move_right(editor, echo);
+      editor_move_right(editor, echo);
       break;
     case 'D':
       move_left(editor, echo);
@@ -147,7 +167,7 @@ bool feed_edit_key(Editor& editor, uint8_t byte, std::string& echo) {
       move_to(editor, editor.line.size(), echo);
       return true;
     case control('F'):
-      move_right(editor, echo);
+      editor_move_right(editor, echo);
       return true;
     case control('H'):
     case kDelete:
@@ -199,9 +219,21 @@ EditorAction feed_control(Editor& editor, uint8_t byte, std::string& echo) {
       editor.input = Editor::Input::kEscape;
       return EditorAction::kNone;
     default:
-      feed_edit_key(editor, byte, echo);
+      if (!feed_edit_key(editor, byte, echo) && byte != 0) {
+        echo += kBell;  // but for NUL, with which a line may be padded
+      }
       return EditorAction::kNone;
   }
+}
+
+// Takes a byte for the line, if it is one.
+void feed_text(Editor& editor, uint8_t byte, std::string& echo) {
+  if (byte < 0x20 || byte >= 0x7f) {
+    echo += kBell;
+    return;
+  }
+  const char printable = static_cast<char>(byte);
+  editor_insert(editor, {&printable, 1}, echo);
 }
 
 EditorAction feed_plain(Editor& editor, uint8_t byte, std::string& echo) {
@@ -211,10 +243,7 @@ EditorAction feed_plain(Editor& editor, uint8_t byte, std::string& echo) {
   if (byte < 0x20 || byte == kDelete) {
     return feed_control(editor, byte, echo);
   }
-  if (byte < 0x7f) {
-    const char printable = static_cast<char>(byte);
-    editor_insert(editor, {&printable, 1}, echo);
-  }
+  feed_text(editor, byte, echo);
   return EditorAction::kNone;
 }
 
@@ -248,10 +277,7 @@ EditorAction editor_feed(Editor& editor, uint8_t byte, std::string& echo) {
       return byte < 0x20 ? feed_control(editor, byte, echo) : feed_arrow(editor, byte, echo);
     case Editor::Input::kQuoted:
       editor.input = Editor::Input::kPlain;
-      if (byte >= 0x20 && byte < 0x7f) {
-        const char printable = static_cast<char>(byte);
-        editor_insert(editor, {&printable, 1}, echo);
-      }
+      feed_text(editor, byte, echo);
       return EditorAction::kNone;
   }
   return EditorAction::kNone;
@@ -286,6 +312,17 @@ void editor_replace(Editor& editor, std::string_view text, std::string& echo) {
   show_tail(editor, gone, echo);
 }
 
+void editor_move_right(Editor& editor, std::string& echo) {
+  move_to(editor, std::min(editor.cursor + 1, editor.line.size()), echo);
+}
+
+void editor_leave(const Editor& editor, std::string& echo) {
+  if (editor.cursor < editor.line.size()) {
+    echo.append(editor.line, editor.cursor, std::string::npos);
+    settle(editor, editor.line.size(), echo);
+  }
+}
+
 void editor_clear(Editor& editor) {
   editor.line.clear();
   editor.cursor = 0;
@@ -294,7 +331,8 @@ void editor_clear(Editor& editor) {
 
 void editor_show(const Editor& editor, std::string& echo) {
   echo += editor.line;
-  step_back(echo, editor.line.size() - editor.cursor);
+  settle(editor, editor.line.size(), echo);
+  step_back(editor, editor.line.size(), editor.cursor, echo);
 }
 
 }  // namespace morva::shell

@@ -29,13 +29,34 @@ void say(vty& session, std::string_view text) {
   end_line(session);
 }
 
+// Columns of a row of the terminal; a program at the other end has endless rows.
+size_t width_of(const vty& session) {
+  if (session.kind != SessionKind::kTelnet) {
+    return std::string::npos;
+  }
+  return session.terminal_width != 0 ? session.terminal_width : kWidthDefault;
+}
+
 void show_prompt(vty& session) {
-  session_write(session, session_prompt(session));
+  const std::string prompt = session_prompt(session);
+  session.editor.prompt = prompt.size();
+  session_write(session, prompt);
+}
+
+// Goes on below the line, wherever in it the cursor is.
+void leave_line(vty& session, std::string_view mark = "") {
+  if (echoes(session)) {
+    std::string text;
+    editor_leave(session.editor, text);
+    session_write(session, text + std::string(mark));
+  }
+  end_line(session);
 }
 
 // Prompt and line again, after something was printed in between.
 void show_line_again(vty& session) {
-  std::string text = session_prompt(session);
+  show_prompt(session);
+  std::string text;
   editor_show(session.editor, text);
   session_write(session, text);
 }
@@ -44,7 +65,7 @@ void show_line_again(vty& session) {
 // terminal shows it (on one row), or else under a part of it that is printed for the purpose.
 void point_at(vty& session, std::string_view line, size_t column) {
   const size_t prompt = session_prompt(session).size();
-  const unsigned width = session.terminal_width != 0 ? session.terminal_width : kWidthDefault;
+  const size_t width = width_of(session);
   if (echoes(session) && prompt + line.size() < width && prompt + column < width) {
     say(session, std::string(prompt + column, ' ') + "^");
     return;
@@ -96,10 +117,7 @@ void on_help(vty& session) {
   const std::string_view typed =
       std::string_view(session.editor.line).substr(0, session.editor.cursor);
   const HelpResult help = match_help(patterns_of(session), typed);
-  if (echoes(session)) {
-    session_write(session, "?");
-  }
-  end_line(session);
+  leave_line(session, "?");
   if (help.status == MatchStatus::kOk) {
     print_rows(session, help.rows);
   } else {
@@ -115,7 +133,7 @@ void on_help(vty& session) {
 
 void on_complete(vty& session) {
   Editor& editor = session.editor;
-  const Completion completion =
+  Completion completion =
       match_complete(patterns_of(session), std::string_view(editor.line).substr(0, editor.cursor));
   std::string echo;
   if (!echoes(session)) {
@@ -125,7 +143,16 @@ void on_complete(vty& session) {
     return;
   }
   if (!completion.insertion.empty()) {
+    // A finished word is followed by a blank: the one that is there already, if there is one.
+    const bool reuse = completion.insertion.back() == ' ' && editor.cursor < editor.line.size() &&
+                       editor.line[editor.cursor] == ' ';
+    if (reuse) {
+      completion.insertion.pop_back();
+    }
     editor_insert(editor, completion.insertion, echo);
+    if (reuse) {
+      editor_move_right(editor, echo);
+    }
     session_write(session, echo);
     return;
   }
@@ -133,7 +160,7 @@ void on_complete(vty& session) {
     session_write(session, "\a");
     return;
   }
-  end_line(session);
+  leave_line(session);
   for (const std::string_view word : completion.candidates) {
     say(session, std::string(kExcerptIndent) + std::string(word));
   }
@@ -171,7 +198,7 @@ void remember(History& history, const std::string& line) {
 
 void on_enter(vty& session) {
   if (echoes(session)) {
-    end_line(session);
+    leave_line(session);
   }
   const std::string line = session.editor.line;
   const bool overlong = session.editor.overlong;
@@ -193,9 +220,9 @@ void on_give_up(vty& session, bool leave) {
     session.node = VTY_NODE_ENABLE;
     session.interface.clear();
   }
+  leave_line(session);
   editor_clear(session.editor);
   session.history.position = session.history.lines.size();
-  end_line(session);
   show_prompt(session);
 }
 
@@ -225,7 +252,7 @@ void act(vty& session, EditorAction action) {
       session.closing = true;
       break;
     case EditorAction::kRedraw:
-      end_line(session);
+      leave_line(session);
       show_line_again(session);
       break;
   }
@@ -271,6 +298,7 @@ bool session_has_input(const vty& session) {
 void session_step(vty& session) {
   std::string echo;
   EditorAction action = EditorAction::kNone;
+  session.editor.columns = width_of(session);
   while (session_has_input(session) && action == EditorAction::kNone &&
          echo.size() < kOutputPause) {
     const uint8_t byte = static_cast<uint8_t>(session.input[session.input_used++]);
@@ -284,7 +312,7 @@ void session_step(vty& session) {
 }
 
 void session_expire(vty& session) {
-  end_line(session);
+  leave_line(session);
   say(session, "% Idle time-out, closing the session");
   session.closing = true;
 }

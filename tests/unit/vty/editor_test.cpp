@@ -127,9 +127,22 @@ TEST_F(EditorTest, BytesThatAreNoKeysLeaveNoTrace) {
     const char raw = static_cast<char>(byte);
     type({&raw, 1});
   }
+  EXPECT_EQ(screen_.bells(), 128);
   type("\x1b[12;34;5z\x1b[99999999999~\x1bx");
   type(std::string_view("\0\x06", 2));
   expect("", 0);
+  EXPECT_EQ(screen_.bells(), 128);
+}
+
+TEST_F(EditorTest, WhatIsNotTakenRings) {
+  type("z\xc3\xbcrich");  // a letter of two bytes
+  expect("zrich", 5);
+  EXPECT_EQ(screen_.bells(), 2);
+  type("\x07\x1d");  // controls that are no keys
+  EXPECT_EQ(screen_.bells(), 4);
+  type("\x16\xff\x16\r");  // quoting makes no text of them
+  EXPECT_EQ(screen_.bells(), 6);
+  expect("zrich", 5);
 }
 
 TEST_F(EditorTest, AnUnfinishedSequenceDoesNotSwallowTheLineEnd) {
@@ -173,6 +186,114 @@ TEST_F(EditorTest, ShowingTheLineAgain) {
   EXPECT_EQ(fresh.row(), "qel debug");
   EXPECT_EQ(fresh.column(), 7u);
 }
+
+// --- lines of several rows, on a terminal of 10 columns with a prompt of 4
+
+class WrappedEditorTest : public EditorTest {
+ protected:
+  WrappedEditorTest() {
+    screen_ = vtytest::Screen(10);
+    screen_.feed("qel>");
+    editor_.columns = 10;
+    editor_.prompt = 4;
+  }
+
+  std::string echo_of(std::string_view bytes) {
+    std::string echo;
+    for (const char byte : bytes) {
+      editor_feed(editor_, static_cast<uint8_t>(byte), echo);
+    }
+    screen_.feed(echo);
+    return echo;
+  }
+};
+
+TEST_F(WrappedEditorTest, TheEndOfARowIsTheBeginningOfTheNext) {
+  EXPECT_EQ(echo_of("abcde"), "abcde");
+  EXPECT_EQ(echo_of("f"), "f \r");
+  EXPECT_EQ(echo_of("g"), "g");
+  EXPECT_EQ(echo_of("\x7f"), "\b \b");
+  EXPECT_EQ(echo_of("\x7f"), "\x1b[1A\r\x1b[9C  \r\x1b[1A\r\x1b[9C");
+  EXPECT_EQ(screen_.rows(), "qel>abcde\n");
+}
+
+TEST_F(WrappedEditorTest, MovingOverTheEndsOfRows) {
+  EXPECT_EQ(echo_of("abcdefghijklmnopqrst"), "abcdef \rghijklmnop \rqrst");
+  EXPECT_EQ(screen_.rows(), "qel>abcdef\nghijklmnop\nqrst");
+  EXPECT_EQ(echo_of("\x01"), "\x1b[2A\r\x1b[4C");
+  EXPECT_EQ(screen_.column(), 4u);
+  EXPECT_EQ(echo_of("\x05"), "abcdefghijklmnopqrst");
+  EXPECT_EQ(echo_of("\x02\x02\x02\x02"), "\b\b\b\b");
+  EXPECT_EQ(echo_of("\x02"), "\x1b[1A\r\x1b[9C");
+  EXPECT_EQ(echo_of("\x06"), "pq\r");
+  EXPECT_EQ(echo_of("\x06"), "q");
+  EXPECT_EQ(screen_.rows(), "qel>abcdef\nghijklmnop\nqrst");
+}
+
+TEST_F(WrappedEditorTest, ChangingTheMiddleMovesTheRowsBelow) {
+  echo_of("abcdefghijklmnopqrst\x01\x06\x06");
+  EXPECT_EQ(echo_of("X"), "Xcdefghijklmnopqrst\x1b[2A\r\x1b[7C");
+  EXPECT_EQ(screen_.rows(), "qel>abXcde\nfghijklmno\npqrst");
+  EXPECT_EQ(echo_of("\x7f"), "\bcdefghijklmnopqrst \x1b[2A\r\x1b[6C");
+  EXPECT_EQ(screen_.rows(), "qel>abcdef\nghijklmnop\nqrst");
+  EXPECT_EQ(echo_of("\x0b"), "                  \x1b[2A\r\x1b[6C");
+  EXPECT_EQ(screen_.rows(), "qel>ab\n\n");
+}
+
+TEST_F(WrappedEditorTest, LeavingTheLineGoesToItsEnd) {
+  echo_of("abcdefgh\x01\x06");
+  std::string echo;
+  editor_leave(editor_, echo);
+  EXPECT_EQ(echo, "bcdefgh");
+  EXPECT_EQ(editor_.cursor, 1u);
+  echo.clear();
+  echo_of("\x05");
+  editor_leave(editor_, echo);
+  EXPECT_EQ(echo, "");
+}
+
+TEST_F(WrappedEditorTest, ReplacingAndShowingALineOfSeveralRows) {
+  echo_of("abcdefghijk");
+  std::string echo;
+  editor_replace(editor_, "one", echo);
+  EXPECT_EQ(echo, "\x1b[1A\r\x1b[4Cone        \x1b[1A\r\x1b[7C");
+  screen_.feed(echo);
+  EXPECT_EQ(screen_.rows(), "qel>one\n");
+  echo_of("twothree\x01");
+  echo.clear();
+  editor_show(editor_, echo);
+  EXPECT_EQ(echo, "onetwothree\x1b[1A\r\x1b[4C");
+}
+
+TEST_F(WrappedEditorTest, APromptOfAFullRow) {
+  screen_ = vtytest::Screen(10);
+  screen_.feed("switch-01>");
+  editor_.prompt = 10;
+  echo_of("abc\x15");
+  EXPECT_EQ(screen_.rows(), "switch-01>\n");
+  echo_of("abc\x01X");
+  EXPECT_EQ(screen_.rows(), "switch-01>\nXabc");
+  EXPECT_EQ(screen_.column(), 11u);
+}
+
+TEST_F(WrappedEditorTest, WhateverIsTypedTheScreenShowsTheLine) {
+  std::mt19937 random(204);
+  constexpr std::string_view kKeys = "\x01\x02\x04\x05\x06\x08\x0b\x15\x17\x7f\x1b[ADOHF31~ \x16";
+  for (int i = 0; i < 100000; i++) {
+    const unsigned pick = random() % 4;
+    const char byte =
+        pick == 0 ? kKeys[random() % kKeys.size()] : static_cast<char>('a' + random() % 26);
+    type({&byte, 1});
+    const std::string& line = editor_.line;
+    ASSERT_EQ(screen_.column(), 4 + editor_.cursor);
+    ASSERT_EQ(screen_.row(), "qel>" + line.substr(0, line.find_last_not_of(' ') + 1));
+    if (line.size() > 45) {
+      type("\x15\x0b");
+    }
+  }
+}
+
+// --- any keys
 
 TEST_F(EditorTest, WhateverIsTypedTheScreenShowsTheLine) {
   std::mt19937 random(815);

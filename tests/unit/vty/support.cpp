@@ -76,38 +76,116 @@ void install_daemon() {
 }
 
 void Screen::feed(std::string_view bytes) {
-  for (const char byte : bytes) {
-    switch (byte) {
+  for (size_t i = 0; i < bytes.size(); i++) {
+    switch (bytes[i]) {
       case '\r':
         column_ = 0;
         break;
       case '\n':
-        above_ += row() + "\n";
-        row_.clear();
-        column_ = 0;
+        rows_[row_].wrapped = false;
+        row_++;
+        rows_.resize(std::max(rows_.size(), row_ + 1));
         break;
       case '\b':
         ASSERT_GT(column_, 0u) << "stepped back over the edge";
+        ASSERT_LT(column_, columns_) << "stepped back from the end of a full row";
         column_--;
         break;
       case '\a':
         bells_++;
         break;
+      case '\x1b': {
+        ASSERT_EQ(bytes.substr(i + 1, 1), "[");
+        size_t number = 0;
+        for (i += 2; i < bytes.size() && bytes[i] >= '0' && bytes[i] <= '9'; i++) {
+          number = number * 10 + static_cast<size_t>(bytes[i] - '0');
+        }
+        ASSERT_LT(i, bytes.size());
+        command(bytes[i], number);
+        break;
+      }
       default:
-        ASSERT_TRUE(byte >= 0x20 && byte < 0x7f) << "not for a terminal: " << int{byte};
-        row_.resize(std::max(row_.size(), column_ + 1), ' ');
-        row_[column_++] = byte;
+        print(bytes[i]);
     }
   }
 }
 
+void Screen::print(char letter) {
+  ASSERT_TRUE(letter >= 0x20 && letter < 0x7f) << "not for a terminal: " << int{letter};
+  if (column_ == columns_) {
+    rows_[row_].wrapped = true;
+    row_++;
+    rows_.resize(std::max(rows_.size(), row_ + 1));
+    column_ = 0;
+  }
+  std::string& text = rows_[row_].text;
+  text.resize(std::max(text.size(), column_ + 1), ' ');
+  text[column_++] = letter;
+}
+
+void Screen::command(char letter, size_t number) {
+  if (letter == 'A') {
+    ASSERT_LE(number, row_) << "went up over the edge";
+    row_ -= number;
+  } else {
+    ASSERT_EQ(letter, 'C');
+    ASSERT_LT(column_ + number, columns_) << "went right over the edge";
+    column_ += number;
+  }
+}
+
+size_t Screen::first_row_of_line() const {
+  size_t row = row_;
+  while (row > 0 && rows_[row - 1].wrapped) {
+    row--;
+  }
+  return row;
+}
+
+namespace {
+
+std::string without_blanks_behind(const std::string& text) {
+  const size_t last = text.find_last_not_of(' ');
+  return last == std::string::npos ? "" : text.substr(0, last + 1);
+}
+
+}  // namespace
+
+// The line that begins in `row`, which is then the row below it.
+std::string Screen::line_from(size_t& row) const {
+  std::string text;
+  while (row + 1 < rows_.size() && rows_[row].wrapped) {
+    text += rows_[row].text;
+    text.resize((text.size() + columns_ - 1) / columns_ * columns_, ' ');
+    row++;
+  }
+  return without_blanks_behind(text + rows_[row++].text);
+}
+
 std::string Screen::row() const {
-  const size_t last = row_.find_last_not_of(' ');
-  return last == std::string::npos ? "" : row_.substr(0, last + 1);
+  size_t row = first_row_of_line();
+  return line_from(row);
+}
+
+size_t Screen::column() const {
+  return (row_ - first_row_of_line()) * columns_ + column_;
 }
 
 std::string Screen::text() const {
-  return above_ + row();
+  size_t row = 0;
+  std::string text = line_from(row);
+  while (row < rows_.size()) {
+    text += "\n" + line_from(row);
+  }
+  return text;
+}
+
+std::string Screen::rows() const {
+  std::string text;
+  for (const Row& row : rows_) {
+    text += (&row == rows_.data() ? "" : "\n") + without_blanks_behind(row.text);
+  }
+  return text;
 }
 
 Shell::Shell(SessionKind kind) : session_(morva::shell::session_open(kind)) {}

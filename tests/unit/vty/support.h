@@ -28,22 +28,40 @@ void install_daemon();
 // A command whose action notes its arguments in calls().
 int note_call(const cmd_element* element, vty* session, int argc, const char** argv);
 
-// A terminal of one endless row for each line: what a user sees.
+// A terminal of endless height: what a user sees. A line that is wider than the screen wraps; the
+// cursor waits at the end of a full row for the next letter, and does not step back from the first
+// column into the row above.
 class Screen {
  public:
+  explicit Screen(size_t columns = 80) : columns_(columns) {}
+
   void feed(std::string_view bytes);
 
-  // The row that the cursor is in, without blanks at its end.
+  // The line that the cursor is in, over all the rows that it wraps into, without blanks at its
+  // end; and the cursor's place in it.
   std::string row() const;
-  size_t column() const { return column_; }
-  // Everything above and the row, each line without blanks at its end.
+  size_t column() const;
+  // All lines, each without blanks at its end.
   std::string text() const;
+  // All rows, the same.
+  std::string rows() const;
   int bells() const { return bells_; }
 
  private:
-  std::string above_;
-  std::string row_;
-  size_t column_ = 0;
+  struct Row {
+    std::string text;
+    bool wrapped = false;  // its line goes on in the next row
+  };
+
+  void print(char letter);
+  void command(char letter, size_t number);
+  size_t first_row_of_line() const;
+  std::string line_from(size_t& row) const;
+
+  size_t columns_;
+  std::vector<Row> rows_{1};
+  size_t row_ = 0;
+  size_t column_ = 0;  // columns_: waiting at the end of the row
   int bells_ = 0;
 };
 
