@@ -156,6 +156,72 @@ class Node {
   std::string path_;
 };
 
+/// Refuses an object that has one key twice. Of two the parser keeps the later and says nothing, so
+/// this listens while it reads; the way to the key is kept here.
+class KeysOnce {
+ public:
+  explicit KeysOnce(std::string file) : file_(std::move(file)) {}
+
+  /// A json::parser_callback_t; always wants to keep what was read.
+  bool operator()(int /*depth*/, json::parse_event_t event, json& parsed) {
+    switch (event) {
+      case json::parse_event_t::key:
+        key(parsed.get_ref<const std::string&>());
+        break;
+      case json::parse_event_t::object_start:
+      case json::parse_event_t::array_start:
+        next_element();
+        levels_.push_back({event == json::parse_event_t::array_start, 0, {}, {}});
+        break;
+      case json::parse_event_t::object_end:
+      case json::parse_event_t::array_end:
+        levels_.pop_back();
+        break;
+      case json::parse_event_t::value:
+        next_element();
+        break;
+    }
+    return true;
+  }
+
+ private:
+  struct Level {
+    bool array;
+    size_t elements;             // of an array, so far
+    std::string key;             // of an object, the latest
+    std::set<std::string> keys;  // of an object, so far
+  };
+
+  void key(const std::string& key) {
+    Level& object = levels_.back();
+    object.key = key;
+    if (!object.keys.insert(key).second) {
+      throw BoardError(file_ + ": " + path() + ": expected this key once, it is there twice");
+    }
+  }
+
+  void next_element() {
+    if (!levels_.empty() && levels_.back().array) {
+      levels_.back().elements++;
+    }
+  }
+
+  std::string path() const {
+    std::string path;
+    for (const Level& level : levels_) {
+      if (level.array) {
+        path += "[" + std::to_string(level.elements - 1) + "]";
+      } else {
+        path += (path.empty() ? "" : ".") + level.key;
+      }
+    }
+    return path;
+  }
+
+  std::string file_;
+  std::vector<Level> levels_;
+};
+
 void read_link(const Node& node, BoardPort& port) {
   node.object({"up", "speed", "duplex"});
   port.cable = node.member("up").boolean();
@@ -223,9 +289,36 @@ BoardPort read_port(const Node& node) {
   return port;
 }
 
-void read_ports(const Node& node, Board& board) {
+/// What one port has and no other may have.
+struct Taken {
   std::set<std::string> names;
   std::set<int> numbers;
+  std::set<std::pair<int, int>> positions;
+  std::set<std::string> interfaces;
+};
+
+void take(const Node& row, const BoardPort& port, Taken& taken) {
+  if (!taken.names.insert(port.name).second) {
+    row.member("name").fail("expected a name that no other port has, \"" + port.name +
+                            "\" is taken");
+  }
+  if (!taken.numbers.insert(port.number).second) {
+    row.member("number").fail("expected a number that no other port has, " +
+                              std::to_string(port.number) + " is taken");
+  }
+  if (!taken.positions.insert({port.pos_x, port.pos_y}).second) {
+    row.member("position")
+        .fail("expected a place that no other port has, x " + std::to_string(port.pos_x) + ", y " +
+              std::to_string(port.pos_y) + " is taken");
+  }
+  if (!port.interface.empty() && !taken.interfaces.insert(port.interface).second) {
+    row.member("interface")
+        .fail("expected an interface that no other port has, \"" + port.interface + "\" is taken");
+  }
+}
+
+void read_ports(const Node& node, Board& board) {
+  Taken taken;
   const std::vector<Node> rows = node.elements();
   if (rows.empty() || rows.size() > kMaxPorts) {
     node.fail("expected 1 to " + std::to_string(kMaxPorts) + " ports");
@@ -235,18 +328,14 @@ void read_ports(const Node& node, Board& board) {
     if (port.name == board.management.interface) {
       row.member("name").fail("expected another name than the management interface");
     }
-    if (!names.insert(port.name).second) {
-      row.member("name").fail("expected a name that no other port has, \"" + port.name +
-                              "\" is taken");
+    if (port.interface == board.management.interface) {
+      row.member("interface").fail("expected another interface than the management interface");
     }
-    if (!numbers.insert(port.number).second) {
-      row.member("number").fail("expected a number that no other port has, " +
-                                std::to_string(port.number) + " is taken");
-    }
+    take(row, port, taken);
     board.ports.push_back(std::move(port));
   }
   // The agent finds ports by their number, from 1 to the count of ports.
-  if (*numbers.rbegin() != static_cast<int>(rows.size())) {
+  if (*taken.numbers.rbegin() != static_cast<int>(rows.size())) {
     node.fail("expected the numbers 1 to " + std::to_string(rows.size()) + ", without gaps");
   }
 }
@@ -302,6 +391,9 @@ Board read_root(const Node& root, const std::string& file) {
   Board board;
   board.file = file;
   board.name = root.member("name").text();
+  if (board.name.empty()) {
+    root.member("name").fail("expected a name, not an empty text");
+  }
   if (!parse_mac(root.member("mac").text(), board.mac) || (board.mac[0] & 1) != 0) {
     root.member("mac").fail("expected a unicast MAC address as \"0a:1b:2c:3d:4e:5f\"");
   }
@@ -345,7 +437,7 @@ Board parse_board(const std::string& text, const std::string& file) {
   }
   json document;
   try {
-    document = json::parse(text);
+    document = json::parse(text, KeysOnce(file));
   } catch (const json::parse_error& error) {
     fail_syntax(text, file, error.byte);
   } catch (const json::out_of_range&) {

@@ -78,6 +78,23 @@ TEST(Board, PortDefaultsBecomeSettingsOfEachPort) {
   EXPECT_EQ(board.nvram, expected);
 }
 
+/// kSmallBoard with one piece of its text replaced, for what a JSON library would not write.
+std::string with_text(const std::string& piece, const std::string& other) {
+  std::string board = kSmallBoard;
+  const size_t at = board.find(piece);
+  EXPECT_NE(at, board.npos) << piece;
+  return at == board.npos ? "" : board.replace(at, piece.size(), other);
+}
+
+/// kSmallBoard with these interfaces behind its ports.
+std::string behind(const std::vector<std::string>& interfaces) {
+  nlohmann::json board = nlohmann::json::parse(kSmallBoard);
+  for (size_t i = 0; i < interfaces.size(); i++) {
+    board["ports"][i]["interface"] = interfaces[i];
+  }
+  return board.dump();
+}
+
 TEST(Board, NamesFileKeyAndExpectation) {
   const struct {
     std::string text;
@@ -111,6 +128,22 @@ TEST(Board, NamesFileKeyAndExpectation) {
        "b.json: ports[2].poe_limit: expected only on a port with \"poe\": true"},
       {with("/ports/0/interface", "a/b"),
        "b.json: ports[0].interface: expected the name of a Linux interface, or null"},
+      {behind({"swp1", "swp2", "swp1"}),
+       "b.json: ports[2].interface: expected an interface that no other port has, \"swp1\" is "
+       "taken"},
+      {behind({"swp1", "vlanif1"}),
+       "b.json: ports[1].interface: expected another interface than the management interface"},
+      {with("/ports/1/position/y", 1),
+       "b.json: ports[1].position: expected a place that no other port has, x 1, y 1 is taken"},
+      {with("/name", ""), "b.json: name: expected a name, not an empty text"},
+      {with_text("\"mac\":", "\"name\": \"other\", \"mac\":"),
+       "b.json: name: expected this key once, it is there twice"},
+      {with_text("\"number\": 2,", "\"number\": 2, \"number\": 2,"),
+       "b.json: ports[1].number: expected this key once, it is there twice"},
+      {with_text("{\"up\": false}", "{\"up\": false, \"up\": true}"),
+       "b.json: ports[2].link.up: expected this key once, it is there twice"},
+      {with_text("\"have_poe\": \"1\"", "\"have_poe\": \"1\", \"have_poe\": \"1\""),
+       "b.json: nvram.have_poe: expected this key once, it is there twice"},
       {with("/ports/0/speeed", 1), "b.json: ports[0].speeed: not a key of a board file"},
       {with("/ports", nlohmann::json::array()), "b.json: ports: expected 1 to 128 ports"},
       {with("/ports", 7), "b.json: ports: expected an array"},
@@ -159,6 +192,7 @@ TEST(Board, TakesAsManyPortsAsTheLimitAndNoMore) {
     nlohmann::json next = row;
     next["name"] = "p" + std::to_string(i);
     next["number"] = i;
+    next["position"]["x"] = i;
     if (i == 129) {
       EXPECT_EQ(complaint(board.dump()), "");
     }

@@ -31,6 +31,8 @@ def broken(board):
     yield change("bad setting key", lambda b: b["nvram"].update({"a b": "1"}))
     yield change("ip without mask", lambda b: b["management"].pop("mask"))
     yield change("other interface", lambda b: b["management"].update(interface="eth0"))
+    yield change("no name of its own", lambda b: b.update(name=""))
+    yield change("the management interface as a port", lambda b: b["ports"][0].update(interface="vlanif1"))
     yield change("blank in a name", lambda b: b["ports"][0].update(name=port + " x"))
     yield change("unknown medium", lambda b: b["ports"][0].update(medium="glass"))
     yield change("odd speed", lambda b: b["ports"][0].update(max_speed=1234))

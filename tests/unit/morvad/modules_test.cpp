@@ -459,6 +459,7 @@ TEST_F(ModulesTest, TheLongestAnswersFitAReply) {
     nlohmann::json next = row;
     next["name"] = "port-with-a-very-long-name-" + std::to_string(1000 + i);
     next["number"] = i;
+    next["position"]["x"] = 872 + i;  // to 1000
     board["ports"].push_back(next);
   }
   restart_switch(board.dump());
