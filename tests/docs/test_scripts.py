@@ -2,6 +2,7 @@
 """The scripts say what they do when asked, and start nothing on a command line that they do not know."""
 
 import os
+import re
 import signal
 import subprocess
 
@@ -80,3 +81,19 @@ def test_continuous_integration_runs_everything_or_nothing():
     status, out, err = run(TOP / ".ci/run", "--help")
     assert (status, out) == (2, "")
     assert "script/test --help" in err
+
+
+# ---------------------------------------------------------------------------------------------
+# The tour
+
+
+def test_the_demo_shows_a_client_come_go_and_come_back():
+    environment = {**os.environ, "DEMO_PAUSE": "0"}
+    argv = [TOP / "script/lab", "--switches", "3", "--", TOP / "script/demo", "--in-lab"]
+    done = subprocess.run(argv, env=environment, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120)
+    assert done.returncode == 0, done.stdout + done.stderr
+    traps = done.stdout.partition("$ qelctl --switch core watch   (meanwhile)\n")[2].partition("\n\n")[0]
+    assert re.sub(r"(?m)^\d\d:\d\d:\d\d  ", "", traps).split("\n") == [
+        "qelctl: watching 1 switch; Ctrl-C ends",
+        *(f"core  ge3  client {state}  00:11:22:33:44:55  192.168.1.77  UN" for state in ("ON", "OFF", "ON")),
+    ]
