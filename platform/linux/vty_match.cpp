@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 
 namespace morva::shell {
 namespace {
 
 constexpr std::string_view kBlanks = " \t";
 constexpr std::string_view kLineMayEnd = "<cr>";
+constexpr std::string_view kInterfaceWord = "interface";
 
 // How well a word fits a place, worst first; the order is what matters.
 enum class Fit { kNone, kName, kRange, kBegun, kFull };
@@ -93,6 +95,15 @@ bool parse_token(std::string_view text, std::string_view& doc, Token& token) {
   token.kind = is_name(text) ? TokenKind::kName : TokenKind::kLiteral;
   token.choices.push_back({text, take_help(doc)});
   return true;
+}
+
+// Tells the last token, if it is a free word, whether it names an interface.
+void mark_interface(std::vector<Token>& tokens) {
+  if (tokens.size() >= 2 && tokens.back().kind == TokenKind::kName) {
+    const Token& before = tokens[tokens.size() - 2];
+    tokens.back().interface =
+        before.kind == TokenKind::kLiteral && before.choices.front().word == kInterfaceWord;
+  }
 }
 
 Fit fit_fixed(std::string_view fixed, std::string_view word) {
@@ -252,6 +263,20 @@ void add_help_rows(const Standing& standing, std::vector<Choice>& rows) {
   rows.erase(std::unique(rows.begin(), rows.end(), same_word), rows.end());
 }
 
+// The interfaces that the word being typed may become: all that it begins, where a command in the
+// race takes one.
+std::vector<std::string_view> interfaces_at(const Standing& standing, Names interfaces) {
+  const auto takes_one = [&](const Pattern* pattern) {
+    return standing.index < pattern->tokens.size() && pattern->tokens[standing.index].interface;
+  };
+  std::vector<std::string_view> names;
+  if (std::any_of(standing.race.begin(), standing.race.end(), takes_one)) {
+    std::copy_if(interfaces.begin(), interfaces.end(), std::back_inserter(names),
+                 [&](std::string_view name) { return name.starts_with(standing.begun); });
+  }
+  return names;
+}
+
 bool line_may_end(const Standing& standing) {
   return standing.begun.empty() && standing.index > 0 &&
          std::any_of(standing.race.begin(), standing.race.end(), [&](const Pattern* pattern) {
@@ -293,6 +318,7 @@ bool pattern_parse(const cmd_element& element, Pattern& pattern) {
     if (!parse_token(syntax.substr(0, end), doc, pattern.tokens.emplace_back())) {
       return false;
     }
+    mark_interface(pattern.tokens);
     syntax.remove_prefix(end);
   }
 }
@@ -323,7 +349,7 @@ MatchResult match_line(std::span<const Pattern> patterns, std::string_view line)
   return result;
 }
 
-HelpResult match_help(std::span<const Pattern> patterns, std::string_view line) {
+HelpResult match_help(std::span<const Pattern> patterns, std::string_view line, Names interfaces) {
   const Standing standing = stand_at_end(patterns, line);
   HelpResult result;
   result.status = standing.status;
@@ -332,6 +358,9 @@ HelpResult match_help(std::span<const Pattern> patterns, std::string_view line) 
     return result;
   }
   add_help_rows(standing, result.rows);
+  for (const std::string_view name : interfaces_at(standing, interfaces)) {
+    result.rows.push_back({name, ""});
+  }
   if (line_may_end(standing)) {
     result.rows.push_back({kLineMayEnd, ""});
   }
@@ -341,7 +370,8 @@ HelpResult match_help(std::span<const Pattern> patterns, std::string_view line) 
   return result;
 }
 
-Completion match_complete(std::span<const Pattern> patterns, std::string_view line) {
+Completion match_complete(std::span<const Pattern> patterns, std::string_view line,
+                          Names interfaces) {
   const Standing standing = stand_at_end(patterns, line);
   Completion completion;
   if (standing.status != MatchStatus::kOk) {
@@ -362,6 +392,8 @@ Completion match_complete(std::span<const Pattern> patterns, std::string_view li
   auto& words = completion.candidates;
   std::sort(words.begin(), words.end());
   words.erase(std::unique(words.begin(), words.end()), words.end());
+  const std::vector<std::string_view> names = interfaces_at(standing, interfaces);
+  words.insert(words.end(), names.begin(), names.end());
   if (words.empty()) {
     return completion;
   }

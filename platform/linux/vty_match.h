@@ -38,6 +38,7 @@ struct Token {
   std::vector<Choice> choices;  // one, or for kChoice as many as there are
   long long minimum = 0;        // kRange only
   long long maximum = 0;
+  bool interface = false;  // kName only: the name of an interface, behind the word "interface"
 };
 
 // A command ready for matching. Its views point into the element's texts.
@@ -64,13 +65,17 @@ struct MatchResult {
 struct HelpResult {
   MatchStatus status = MatchStatus::kOk;  // kOk, kUnknown or kAmbiguous
   size_t column = 0;                      // offset of the word at fault
-  std::vector<Choice> rows;               // sorted by word; "<cr>" last: the line may end here
+  // Sorted by word; then interfaces; "<cr>" last: the line may end here.
+  std::vector<Choice> rows;
 };
 
 struct Completion {
   std::string insertion;                     // to be inserted at the line's end; may be empty
-  std::vector<std::string_view> candidates;  // the words that fit, sorted
+  std::vector<std::string_view> candidates;  // the words that fit, sorted; then interfaces
 };
+
+// Names of interfaces, in the order in which they are to be shown.
+using Names = std::span<const std::string_view>;
 
 // Parses the syntax of `element` into `pattern`. Returns false when the text is not a syntax
 // (no word, empty alternative, range without numbers); `pattern` is then not to be used.
@@ -80,11 +85,14 @@ bool pattern_parse(const cmd_element& element, Pattern& pattern);
 MatchResult match_line(std::span<const Pattern> patterns, std::string_view line);
 
 // What may stand at the end of `line` (its last word, if it does not end in a blank, being begun).
-HelpResult match_help(std::span<const Pattern> patterns, std::string_view line);
+// Where an interface may stand, those of `interfaces` are told, which the result points into.
+HelpResult match_help(std::span<const Pattern> patterns, std::string_view line,
+                      Names interfaces = {});
 
 // How the last word of `line` goes on: as far as all candidates agree, and a blank when only one is
-// left.
-Completion match_complete(std::span<const Pattern> patterns, std::string_view line);
+// left. `interfaces` as above.
+Completion match_complete(std::span<const Pattern> patterns, std::string_view line,
+                          Names interfaces = {});
 
 }  // namespace morva::shell
 

@@ -7,6 +7,8 @@
 #include <cstdlib>
 
 #include "platform/linux/vty_internal.h"
+#include "platform/list.h"
+#include "platform/uif.h"
 
 namespace morva::shell {
 namespace {
@@ -97,6 +99,16 @@ std::span<const Pattern> patterns_of(const vty& session) {
   return node != nullptr ? std::span<const Pattern>(node->patterns) : std::span<const Pattern>();
 }
 
+// The interfaces of the switch, in its order.
+std::vector<std::string_view> interface_names() {
+  std::vector<std::string_view> names;
+  const listnode* at = g_uif_list != nullptr ? g_uif_list->head : nullptr;
+  for (; at != nullptr; at = at->next) {
+    names.emplace_back(static_cast<const uif*>(at->data)->name);
+  }
+  return names;
+}
+
 void print_rows(vty& session, const std::vector<Choice>& rows) {
   size_t width = 0;
   for (const Choice& row : rows) {
@@ -116,7 +128,7 @@ void print_rows(vty& session, const std::vector<Choice>& rows) {
 void on_help(vty& session) {
   const std::string_view typed =
       std::string_view(session.editor.line).substr(0, session.editor.cursor);
-  const HelpResult help = match_help(patterns_of(session), typed);
+  const HelpResult help = match_help(patterns_of(session), typed, interface_names());
   leave_line(session, "?");
   if (help.status == MatchStatus::kOk) {
     print_rows(session, help.rows);
@@ -134,7 +146,8 @@ void on_help(vty& session) {
 void on_complete(vty& session) {
   Editor& editor = session.editor;
   Completion completion =
-      match_complete(patterns_of(session), std::string_view(editor.line).substr(0, editor.cursor));
+      match_complete(patterns_of(session), std::string_view(editor.line).substr(0, editor.cursor),
+                     interface_names());
   std::string echo;
   if (!echoes(session)) {
     // A tab in a line that was sent as a whole is a blank, unless it can finish a word.

@@ -162,6 +162,28 @@ TEST_F(MatchTest, CompletionGoesAsFarAsAllAgree) {
   EXPECT_THAT(match_complete(patterns_, "nonsense q").candidates, IsEmpty());
 }
 
+TEST_F(MatchTest, InterfacesAreToldWhereOneMayStand) {
+  constexpr std::string_view kNames[] = {"ge1", "ge2", "ge10", "vlanif1"};
+  EXPECT_EQ(match_complete(patterns_, "interface v", kNames).insertion, "lanif1 ");
+  EXPECT_EQ(match_complete(patterns_, "interface g", kNames).insertion, "e");
+  EXPECT_EQ(match_complete(patterns_, "in ge2", kNames).insertion, " ");
+  EXPECT_EQ(match_complete(patterns_, "interface ge1", kNames).insertion, "");
+  EXPECT_THAT(match_complete(patterns_, "interface ge1", kNames).candidates,
+              ElementsAre("ge1", "ge10"));
+  EXPECT_THAT(match_complete(patterns_, "interface ", kNames).candidates,
+              ElementsAre("ge1", "ge2", "ge10", "vlanif1"));
+  EXPECT_THAT(match_complete(patterns_, "interface x", kNames).candidates, IsEmpty());
+  // Other free words are no interfaces, nor is what comes behind one.
+  EXPECT_THAT(match_complete(patterns_, "showroom g", kNames).candidates, IsEmpty());
+  EXPECT_THAT(match_complete(patterns_, "interface ge1 g", kNames).candidates, IsEmpty());
+  std::vector<std::string> words;
+  for (const Choice& row : match_help(patterns_, "interface g", kNames).rows) {
+    words.emplace_back(row.word);
+  }
+  EXPECT_THAT(words, ElementsAre("NAME", "ge1", "ge2", "ge10"));
+  EXPECT_EQ(match_help(patterns_, "showroom ", kNames).rows.size(), 1u);
+}
+
 TEST(PatternTest, RefusesWhatIsNoSyntax) {
   for (const char* text :
        {"", "  ", "a (b|", "a (b||c)", "a ()", "a <1-b>", "a <5-1>", "a <12>", "a (b c|d)"}) {

@@ -312,6 +312,32 @@ TEST_F(SessionTest, TabInsideALineUsesTheBlankThatIsThere) {
   EXPECT_EQ(telnet.session().editor.line, "show version ");
 }
 
+TEST_F(SessionTest, TabAndHelpKnowTheInterfaces) {
+  uif_clear();
+  g_uif_list = list_new();
+  for (const char* text : {R"({"index":5,"name":"vlanif5"})", R"({"index":7,"name":"vlanif7"})"}) {
+    cJSON* row = cJSON_Parse(text);
+    ASSERT_NE(uif_apply_row(row), nullptr);
+    cJSON_Delete(row);
+  }
+  Shell telnet(SessionKind::kTelnet);
+  telnet.session().node = VTY_NODE_CONFIG;
+  telnet.type("int\tv\t?");
+  EXPECT_EQ(telnet.screen().text(),
+            "interface vlanif?\n  NAME     Its name\n  vlanif5\n  vlanif7\n"
+            "qel(config)# interface vlanif");
+  telnet.type("\t");
+  EXPECT_THAT(telnet.screen().text(),
+              EndsWith("# interface vlanif\n  vlanif5\n  vlanif7\nqel(config)# interface vlanif"));
+  telnet.type("7\t\r");
+  EXPECT_EQ(telnet.session().interface, "vlanif7");
+  telnet.type(
+      "\x15"
+      "exit\rno int\tvlanif5\t");
+  EXPECT_EQ(telnet.session().editor.line, "no interface vlanif5 ");
+  uif_clear();
+}
+
 TEST_F(SessionTest, TabListsWhatItCannotDecide) {
   Shell telnet(SessionKind::kTelnet);
   telnet.session().node = VTY_NODE_CONFIG;
