@@ -201,7 +201,8 @@ int qel_ipc_handle_poe_update(const cJSON* msg) {
 
 int qel_ipc_handle_cldm_conf(const cJSON* msg) {
   // Read as 0 an event without a number would switch the agent off, and save that: for good.
-  if (cJSON_IsNumber(cJSON_GetObjectItem(msg, "qel_enable")) == 0) {
+  const cJSON* value = cJSON_GetObjectItem(msg, "qel_enable");
+  if (cJSON_IsNumber(value) == 0 && cJSON_IsTrue(value) == 0) {
     return -1;
   }
   qel_enable(cJSON_GetObjectItemInt(msg, "qel_enable"));

@@ -703,13 +703,18 @@ TEST_F(IpcTest, SwitchThatIsNeitherOnNorOffIsHandedOnAsItIs) {
 TEST_F(IpcTest, SwitchThatIsNoNumberIsIgnored) {
   for (const char* member :
        {"", R"(,"qel_enable":"1")", R"(,"qel_enable":"0")", R"(,"qel_enable":null)",
-        R"(,"qel_enable":false)", R"(,"qel_enable":true)", R"(,"qel_enable":[1])",
-        R"(,"qel_enable":{"qel_enable":1})"}) {
+        R"(,"qel_enable":false)", R"(,"qel_enable":[1])", R"(,"qel_enable":{"qel_enable":1})"}) {
     for (const uint32_t before : {0U, 1U}) {
       g_qel_dev.enable = before;
       expect_no_effect(R"({"type":"cldm_conf")" + std::string(member) + "}");
     }
   }
+}
+
+TEST_F(IpcTest, SwitchThatIsTrueIsOn) {
+  g_qel_dev.enable = 0;
+  event(R"({"type":"cldm_conf","qel_enable":true})");
+  EXPECT_EQ(g_qel_dev.enable, 1U);
 }
 
 TEST_F(IpcTest, ConfigurationThatCannotBeSavedIsNoHindrance) {
