@@ -134,7 +134,3 @@ size_t qel_alarm_json_build(qel_text& out, uint32_t type) {
   out.put('}');
   return out.length();
 }
-
-int qel_alarm_notify(uint32_t /*type*/) {
-  return 0;
-}

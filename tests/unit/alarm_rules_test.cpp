@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // When an alarm is due: the general rule, the rule for lists of ports, messages too long to keep,
-// and the object that would tell the gateway. A report shows in the entry: its message is kept and
-// its time is now.
+// and the object that would tell the gateway. A report is handed over once, and shows in the entry:
+// its message is kept and its time is now.
 #include <cstring>
 
 #include "qel/qel_alarm.h"
@@ -12,7 +12,9 @@
 
 namespace {
 
+using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 constexpr uint32_t kStart = 1700000000;
 
@@ -41,10 +43,15 @@ class AlarmRuleTest : public AgentTest {
  private:
   static bool reports(const std::function<int()>& rule, uint32_t type) {
     const uint32_t before = entry(type).last_time;
+    handed_over().clear();
     EXPECT_EQ(rule(), 0);
-    EXPECT_TRUE(entry(type).last_time == before ||
-                entry(type).last_time == static_cast<uint32_t>(fake::now()));
-    return entry(type).last_time != before;
+    if (handed_over().empty()) {
+      EXPECT_EQ(entry(type).last_time, before);
+      return false;
+    }
+    EXPECT_THAT(handed_over(), ElementsAre(HandedOver{type, message(type), before}));
+    EXPECT_EQ(entry(type).last_time, static_cast<uint32_t>(fake::now()));
+    return true;
   }
 };
 
@@ -144,7 +151,7 @@ TEST_F(AlarmRuleTest, CountWrapsFrom255ToZero) {
   for (int i = 1; i <= 35; ++i) {
     EXPECT_FALSE(reports(1, 1, 36, 0, "y")) << "the needed count is not there any more: " << i;
   }
-  reports(1, 1, 36, 0, "y");
+  EXPECT_TRUE(reports(1, 1, 36, 0, "y"));
   EXPECT_EQ(message(1), "y");
 }
 
@@ -159,6 +166,38 @@ TEST_F(AlarmRuleTest, KindOutsideTheTableIsIgnored) {
     EXPECT_EQ(qel_alarm_update(type, 1, 0, 0, "x"), 0);
     EXPECT_EQ(qel_alarm_update_ports(type, 0, "x"), 0);
   }
+}
+
+// ---------------------------------------------------------------------------------------------
+// The hand-over
+
+TEST_F(AlarmRuleTest, DueAlarmIsHandedOverOnceWithItsMessageAndTheTimeOfTheOneBefore) {
+  qel_alarm_update(7, 1, 0, 12, "a");
+  qel_alarm_update(5, 1, 0, 12, "p");
+  qel_alarm_update_ports(9, 3600, "l");
+  fake::advance(3600);
+  qel_alarm_update(7, 1, 0, 12, "b");
+  qel_alarm_update_ports(9, 3600, "m");
+  EXPECT_THAT(handed_over(),
+              ElementsAre(HandedOver{7, "a", 0}, HandedOver{5, "p", 0}, HandedOver{9, "l", 0},
+                          HandedOver{7, "b", kStart}, HandedOver{9, "m", kStart}));
+}
+
+TEST_F(AlarmRuleTest, NothingIsHandedOverTooSoonOrForTheSameMessageOrBeforeItsCount) {
+  qel_alarm_update(7, 1, 0, 12, "a");
+  qel_alarm_update_ports(9, 3600, "l");
+  handed_over().clear();
+  fake::advance(11);
+  qel_alarm_update(7, 1, 0, 12, "b");
+  qel_alarm_update_ports(9, 3600, "m");
+  fake::advance(7200);
+  qel_alarm_update(7, 1, 0, 12, "a");
+  qel_alarm_update_ports(9, 3600, "l");
+  qel_alarm_update(1, 1, 2, 12, "c");
+  qel_alarm_update(2, 0, 1, 12, "d");
+  EXPECT_THAT(handed_over(), IsEmpty());
+  qel_alarm_update(1, 1, 2, 12, "c");
+  EXPECT_THAT(handed_over(), SizeIs(1)) << "the second in a row";
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -201,8 +240,7 @@ TEST_F(AlarmRuleTest, IntervalGoesOnOverTheEndOf32BitTime) {
 TEST_F(AlarmRuleTest, WithoutAnIntervalEachNewMessageIsReported) {
   EXPECT_TRUE(reports(1, 1, 0, 0, "a"));
   EXPECT_FALSE(reports(1, 1, 0, 0, "a"));
-  // Same second: the entry's time tells nothing, its message does.
-  qel_alarm_update(1, 1, 0, 0, "b");
+  EXPECT_TRUE(reports(1, 1, 0, 0, "b"));
   EXPECT_EQ(message(1), "b");
 }
 

@@ -67,6 +67,16 @@ std::string bytes(const char (&literal)[Size]) {
 std::string stderr_of(const std::function<void()>& action);
 std::string stdout_of(const std::function<void()>& action);
 
+// An alarm that was handed over to whoever tells the gateway, with its entry at that moment.
+struct HandedOver {
+  uint32_t type;
+  std::string message;
+  uint32_t last_time;
+  bool operator==(const HandedOver&) const = default;
+};
+// Those since the fixture was made, or since the test cleared them, in order.
+std::vector<HandedOver>& handed_over();
+
 // The next malloc of exactly `size` bytes fails.
 void fail_malloc(size_t size);
 
