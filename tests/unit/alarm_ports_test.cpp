@@ -212,11 +212,25 @@ TEST_F(AlarmPortsTest, ThresholdFollowsTheSpeedOfTheLink) {
   }
 }
 
-TEST_F(AlarmPortsTest, SpeedThatOverflowsTheThresholdDoesNotTrap) {
+TEST_F(AlarmPortsTest, ThresholdIsOf32BitsAndWraps) {
   start_with(1);
-  for (const int32_t speed : {INT_MAX, INT_MIN, 100000000}) {
-    uif_get_by_name("ge1")->speed = speed;
+  struct Case {
+    int32_t speed;
+    int32_t threshold;
+    bool one_counts;  // a byte each way is traffic above a threshold that wrapped to below zero
+  };
+  for (const Case& one : {Case{2468372, 2147483640, false}, Case{2468373, -2147482786, true},
+                          Case{2468400, -2147459296, true}, Case{2147483647, -870, true},
+                          Case{INT_MIN, 0, true}, Case{100000000, 1100654080, false}}) {
+    uif_get_by_name("ge1")->speed = one.speed;
+    entry(6).port_count[1] = 7;
     EXPECT_EQ(qel_alarm_port_occupancy_fillin(6, 1, 1, 1), 0);
+    EXPECT_EQ(entry(6).port_count[1], one.one_counts ? 8 : 0) << one.speed;
+    entry(6).port_count[1] = 7;
+    EXPECT_EQ(qel_alarm_port_occupancy_fillin(6, 1, one.threshold, one.threshold), 0);
+    EXPECT_EQ(entry(6).port_count[1], 0) << one.speed;
+    EXPECT_EQ(qel_alarm_port_occupancy_fillin(6, 1, one.threshold + 1, one.threshold), 0);
+    EXPECT_EQ(entry(6).port_count[1], 1) << one.speed;
   }
 }
 
