@@ -286,7 +286,8 @@ TEST_F(UpdateSendTest, CycleWithoutPortsIsComplete) {
 TEST_F(UpdateSendDeathTest, NullNodeIsABrokenInvariant) {
   start_with(0);
   fake::add_null_interface();
-  const std::string broken = "\\(node\\)->data != \\(\\(void \\*\\)0\\).* function ";
+  const std::string broken =
+      "\\(node\\)->data != \\(\\(void \\*\\)0\\), file qel/qel_cmd, line [0-9]+, function ";
   EXPECT_DEATH(qel_cmd_update_info_init(), broken + "qel_cmd_update_info_init");
   EXPECT_DEATH(qel_cmd_get_port_update_info(), broken + "qel_cmd_get_port_update_info");
 }
@@ -307,6 +308,25 @@ TEST_F(UpdateSendTest, SecondJoinWithinTenSecondsSendsNothing) {
   join();
   EXPECT_THAT(fake::sent(), SizeIs(1));
   EXPECT_EQ(g_qel_dev.join_time, 1700000010);
+}
+
+// Modules take their time to answer; the seconds count from before the first was asked.
+TEST_F(UpdateSendTest, SpacingCountsFromTheBeginningOfAMessageNotFromItsSending) {
+  start_with(1);
+  fake::on_query([](const fake::Query&) { fake::advance(2); });
+  join();
+  EXPECT_THAT(fake::queries(), Not(IsEmpty()));
+  EXPECT_GE(fake::now(), 1700000002);
+  EXPECT_EQ(g_qel_dev.join_time, 1700000000);
+  EXPECT_THAT(fake::sent(), SizeIs(1));
+
+  fake::clear_records();
+  fake::set_now(1700000010);
+  update();
+  EXPECT_THAT(fake::queries(), Not(IsEmpty()));
+  EXPECT_GE(fake::now(), 1700000012);
+  EXPECT_EQ(g_qel_dev.join_time, 1700000010);
+  EXPECT_THAT(fake::sent(), SizeIs(2));
 }
 
 TEST_F(UpdateSendTest, SecondUpdateWithinTenSecondsSendsNothingAndLeavesTheCycle) {
