@@ -189,6 +189,23 @@ TEST_F(PortTimerTest, ClientIsPresentAt300SecondsAndGoneWithOneTrapAt301) {
   expect_silence(9);
 }
 
+// An uptime that was set back must not drop every client, nor tell the gateways so.
+TEST_F(PortTimerTest, ClientOfALaterUptimeStaysUntil301SecondsPastIt) {
+  learn_on_ge2();
+  port("ge2")->client_time = 2000;
+  for (const uint32_t now : {1000U, 1999U, 2000U, 2299U}) {
+    fake::set_uptime(now);
+    probe();
+    fake::tick();
+    EXPECT_EQ(port("ge2")->client_time, 2000U) << now;
+    EXPECT_THAT(fake::sent(), IsEmpty()) << now;
+  }
+  fake::tick();
+  EXPECT_EQ(fake::uptime(), 2301U);
+  EXPECT_EQ(port("ge2")->client_time, 0U);
+  EXPECT_THAT(sent_messages(), ElementsAre(kNoneOnGe2));
+}
+
 TEST_F(PortTimerTest, NextNeighbourReportKeepsTheClient) {
   learn_on_ge2();
   fake::tick(300);
