@@ -4,6 +4,7 @@
 // reports, for tables of every awkward length and for one that changes while it is read.
 #include "qel/qel_mac.h"
 
+#include <cstdlib>
 #include <cstring>
 
 #include "qel/qel_alarm.h"
@@ -61,6 +62,19 @@ class MacMoveTest : public AgentTest {
     for (uint32_t i = 0; i < count; ++i) {
       fake::add_mac_entry(chip_entry(0x01000001 + i % 8, i));
     }
+  }
+  // Appends a record by hand, as a scan leaves it until it has seen the address.
+  static void add_record(uint32_t port, uint32_t number) {
+    auto* const record = static_cast<qel_mac_entry*>(std::calloc(1, sizeof(qel_mac_entry)));
+    record->port = port;
+    record->type = 2;
+    record->vid = 1;
+    std::memcpy(record->mac, chip_entry(port, number).mac, sizeof record->mac);
+    listnode_add(g_qel_cur_mac_list, record);
+  }
+  // Applies one entry of the chip's table by hand; what that prints.
+  static std::string apply(const hal_mac_entry& entry) {
+    return stdout_of([&entry] { qel_mac_find_move_process(g_qel_cur_mac_list, &entry); });
   }
   // One scan; what it prints.
   static std::string scan() {
@@ -247,6 +261,28 @@ TEST_F(MacMoveTest, LengthOfTheAlarmTextIsTheResult) {
     // {"ports":"ge3,ge5","value":"02:00:00:00:00:01 "}
     EXPECT_EQ(qel_mac_find_move_process(g_qel_cur_mac_list, &after), 48);
   });
+}
+
+TEST_F(MacMoveTest, FirstRecordOnAnotherPortIsTheMovedOneAndEndsTheWalk) {
+  add_record(kGe3, 1);
+  add_record(kGe5, 1);
+  EXPECT_EQ(apply(chip_entry(kGe5, 1)), kMoveLine);
+  EXPECT_EQ(message(), R"({"ports":"ge3,ge5","value":"02:00:00:00:00:01 "})");
+  EXPECT_THAT(shown(), ElementsAre("02-00-00-00-00-01  1000003 vid 1 aging_time=0",
+                                   "02-00-00-00-00-01  1000005 vid 1 aging_time=0"))
+      << "the second, on the entry's own port, was not come to";
+}
+
+TEST_F(MacMoveTest, RecordsBeforeTheMovedOneAreRefreshedAndThoseBehindItAreNoMove) {
+  for (const uint32_t port : {kGe5, 0x01000004U, kGe3, kGe5}) {
+    add_record(port, 1);
+  }
+  EXPECT_EQ(apply(chip_entry(kGe5, 1)), kMoveLine);
+  EXPECT_EQ(message(), R"({"ports":"ge4,ge5","value":"02:00:00:00:00:01 "})");
+  EXPECT_THAT(shown(), ElementsAre("02-00-00-00-00-01  1000005 vid 1 aging_time=300",
+                                   "02-00-00-00-00-01  1000004 vid 1 aging_time=0",
+                                   "02-00-00-00-00-01  1000003 vid 1 aging_time=0",
+                                   "02-00-00-00-00-01  1000005 vid 1 aging_time=0"));
 }
 
 TEST_F(MacMoveTest, LongestNamesAreReportedWhole) {
