@@ -22,7 +22,7 @@ qel_pool<qel_eth_pkt> g_qel_eth_pkt;
 uint32_t g_qel_eth_total;
 
 void qel_eth_pkt_list_init() {
-  g_qel_eth_pkt.create();
+  g_qel_eth_pkt.create(kSource, __LINE__, __func__);
   qel_eth_pkt_list_expand();
 }
 

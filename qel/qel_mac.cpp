@@ -21,6 +21,9 @@ constexpr uint32_t kTypeLearnt = 2;          // the entries that are watched
 constexpr int32_t kMoveInterval = 12;        // seconds between two alarms
 constexpr uint32_t kPositionMax = 1U << 20;  // no chip's table is longer: a reader must end
 
+// The platform fills an array of them.
+static_assert(sizeof(struct hal_mac_entry) == 20);
+
 // A node without a record is a broken invariant, as it is in the list of interfaces.
 qel_mac_entry* record_of(const struct listnode* node, unsigned line, const char* function) {
   if (node->data == nullptr) {
@@ -93,6 +96,9 @@ struct list* g_qel_cur_mac_list;
 
 void qel_mac_init() {
   g_qel_cur_mac_list = list_new();
+  if (g_qel_cur_mac_list == nullptr) {
+    zlog_assert_failed("g_qel_cur_mac_list != ((void *)0)", kSource, __LINE__, __func__);
+  }
   g_qel_cur_mac_list->del = std::free;
 }
 

@@ -18,9 +18,13 @@ struct qel_pool {
   struct list* free = nullptr;
   uint32_t total = 0;  // records allocated
 
-  void create() {
+  // Makes the lists. Without memory the process ends, told with `function` of `file`.
+  void create(const char* file, unsigned line, const char* function) {
     used = list_new();
     free = list_new();
+    if (used == nullptr || free == nullptr) {
+      zlog_assert_failed("used != ((void *)0) && free != ((void *)0)", file, line, function);
+    }
   }
 
   // Adds `count` zeroed records in one block. Without memory the process ends, told with `function`

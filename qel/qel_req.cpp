@@ -15,7 +15,7 @@ constexpr int32_t kLifetime = 3;
 qel_pool<qel_req> g_qel_req;
 
 void qel_req_list_init() {
-  g_qel_req.create();
+  g_qel_req.create(kSource, __LINE__, __func__);
   qel_req_list_expand();
 }
 

@@ -23,6 +23,9 @@ extern "C" {
 
 struct list* list_new(void) {
   fake::internal::record("list_new()");
+  if (fake::internal::platform_fails("list_new")) {
+    return nullptr;
+  }
   auto* const created = new (struct list)();
   all_lists().push_back(created);
   return created;

@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include "qel/qel_alarm.h"
+#include "qel/qel_eth_pkt.h"
 #include "qel/qel_mac.h"
+#include "qel/qel_req.h"
 #include "qel/qel_table.h"
 #include "tests/unit/calloc.h"
 #include "tests/unit/support.h"
@@ -34,6 +36,18 @@ TEST_F(MemoryDeathTest, NoMemoryForTheAlarmCountersEndsTheProcess) {
       },
       "assertion failed: array != \\(\\(void \\*\\)0\\), file qel/qel_alarm, line [0-9]+, "
       "function qel_alarm_init");
+}
+
+TEST_F(MemoryDeathTest, NoMemoryForAListEndsTheProcess) {
+  fake::fail_platform("list_new");
+  EXPECT_DEATH(qel_mac_init(),
+               "assertion failed: g_qel_cur_mac_list != \\(\\(void \\*\\)0\\), file qel/qel_mac, "
+               "line [0-9]+, function qel_mac_init");
+  EXPECT_DEATH(qel_req_list_init(),
+               "assertion failed: .*, file qel/qel_req, line [0-9]+, function qel_req_list_init");
+  EXPECT_DEATH(qel_eth_pkt_list_init(),
+               "assertion failed: .*, file qel/qel_eth_pkt, line [0-9]+, function "
+               "qel_eth_pkt_list_init");
 }
 
 TEST_F(MemoryTest, AddressThatMemoryCannotHoldIsLearntByTheNextScan) {
