@@ -30,6 +30,9 @@ namespace {
 constexpr int kPatienceRounds = 10;
 constexpr size_t kMessageMax = 4096;
 
+// A queue that never ends may not hold up the time for ever. No socket here holds as many.
+constexpr int kHeardAtOnce = 1024;
+
 Duration resend_step(const Question& question) {
   return question.patience / std::max(question.sends, 1);
 }
@@ -360,7 +363,10 @@ void Session::deliver(Incoming incoming) {
   }
 }
 
+// Whoever looks at the time before the messages that came meanwhile takes for silence what was a
+// pause of this program: all that waits is heard first.
 void Session::loop(const std::function<bool()>& done) {
+  int heard = 0;
   while (true) {
     resume_ready();
     if (done()) {
@@ -370,11 +376,15 @@ void Session::loop(const std::function<bool()>& done) {
     if (wake_) {
       wake_();
     }
+    const bool more = incoming && ++heard < kHeardAtOnce;
     if (incoming) {
       deliver(std::move(*incoming));
     }
     check_interrupt();
-    serve_timers();
+    if (!more) {
+      heard = 0;
+      serve_timers();
+    }
   }
 }
 

@@ -58,6 +58,43 @@ TEST_F(SessionTest, SilenceEndsWithItsPatience) {
   EXPECT_EQ(wire.sent().size(), 1u);
 }
 
+TEST_F(SessionTest, AnswersThatWaitWhenThePatienceIsOverCountAsAnswers) {
+  // Three questions; the program is held up until long after, and all three answers lie waiting.
+  std::vector<Outcome> outcomes;
+  bool paused = false;
+  wire.before_receive = [&] {
+    if (!paused) {
+      paused = true;
+      clock.set(clock.now() + Duration(5000));
+    }
+  };
+  wire.answer("ports_link", {reply(kLinkReply)}, 10);
+  session.run(session.each(3, 3, [&](size_t) -> Task<void> {
+    const Outcome outcome = co_await ask(question());
+    outcomes.push_back(outcome);
+  }));
+  EXPECT_EQ(outcomes, (std::vector<Outcome>(3, Outcome::Answered)));
+  EXPECT_EQ(clock.elapsed(), 5000);
+}
+
+TEST_F(SessionTest, AQueueWithoutAnEndDoesNotStopTheTime) {
+  int heard = 0;
+  session.on_unasked([&](const Reply& /*got*/) {
+    ++heard;
+    wire.arrives(reply(R"({"mac":"0a1b2c3d4e60","cmd":"update","subcmd":"ports_link","data":{}})"),
+                 0);
+  });
+  wire.before_receive = [&] {
+    if (heard == 10) {
+      clock.set(clock.now() + Duration(2000));
+    }
+  };
+  wire.arrives(reply(R"({"mac":"0a1b2c3d4e60","cmd":"update","subcmd":"ports_link","data":{}})"),
+               0);
+  EXPECT_EQ(session.run(ask(question())), Outcome::Silent);
+  EXPECT_LT(heard, 3000);
+}
+
 TEST_F(SessionTest, ASetIsSentOnceAndAReadAgain) {
   session.run(ask(question(1)));
   EXPECT_EQ(wire.sent().size(), 1u);
