@@ -17,7 +17,7 @@ import namespaces as ns
 
 CHECKOUT = os.path.realpath(os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../.."))
 DEFAULT_BOARD = "platform/linux/boards/ge28.json"
-READY_SECONDS = 15.0
+READY_SECONDS = 30.0
 READY_SECONDS_PER_SWITCH = 0.5  # each switch beyond the first
 
 

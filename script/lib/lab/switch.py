@@ -6,6 +6,7 @@ init system of the device keeps them: when morvad ends with EXIT_RESTART, both a
 """
 
 import os
+import re
 import signal
 import socket
 import sys
@@ -21,6 +22,7 @@ EXIT_RESTART = 75  # morvad's exit status when the switch was asked to reboot
 STOP_SECONDS = 5.0  # what a daemon gets to end after SIGTERM
 PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 APPEND = os.O_WRONLY | os.O_APPEND | os.O_CREAT
+AT_WORK = re.compile(rb"qel \S+ starting\n")  # the last that the agent logs before it serves anybody
 LOGS = ("console.log", "qel.log", "morvad.log", "queries.jsonl", "syslog.log")
 
 
@@ -36,6 +38,7 @@ class Switch:
         self.daemons = {"morvad": 0, "qel": 0}
         self.restarting = False
         self.kill_at = None  # monotonic time at which what still runs is killed
+        self.log_start = 0  # how much of the agent's log is of those before this one
         self.failure = None  # set when a daemon ended before the agent was ready
         self._pipes = {}  # descriptor -> where to read from and the file that takes it
 
@@ -176,6 +179,8 @@ class Switch:
         environment["PATH"] = f"/morva/bin:{self.build_dir}/bin:{PATH}"
         environment["MORVA_LOG"] = "stderr"
         environment.setdefault("MORVA_QUERY_LOG", self._path("queries.jsonl"))
+        if name == "qel":
+            self.log_start = os.path.getsize(self._path("qel.log"))
         self.daemons[name] = os.posix_spawnp(
             "nsenter",
             self.prefix() + [name] + arguments,
@@ -193,11 +198,16 @@ class Switch:
             file.write(f"{self.daemons[name]}\n")
 
     def ready(self):
-        """Whether the cable carries and the agent has its pid file and its vty socket."""
+        """Whether the cable carries, the agent has its vty socket, and it is through with its start."""
         root = f"/proc/{self.pid}/root"
         with open(root + "/sys/class/net/vlanif1/operstate", encoding="ascii") as file:
             cable = file.read().strip() == "up"
-        return cable and all(os.path.exists(f"{root}/run/qel.{end}") for end in ("pid", "vty"))
+        return cable and os.path.exists(f"{root}/run/qel.vty") and self._agent_at_work()
+
+    def _agent_at_work(self):
+        with open(self._path("qel.log"), "rb") as file:
+            file.seek(self.log_start)
+            return AT_WORK.search(file.read()) is not None
 
     def child_ended(self, pid, status, stopping):
         """Takes note that the process `pid` ended with wait status `status`."""
