@@ -73,7 +73,7 @@ class Gateway:
     def command(self, cmd, subcmd, data=None, destination=GROUP):
         self.send(message(cmd, subcmd, data, mac=self.mac.hex()), destination)
 
-    def receive(self, seconds=5.0):
+    def receive(self, seconds=30.0):
         """The next frame from a switch; fails when none comes in time."""
         deadline = time.monotonic() + seconds
         while True:

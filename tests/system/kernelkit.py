@@ -61,7 +61,7 @@ class KernelLab(Lab):
         state = json.loads(self.morvactl("show", "--json").stdout)
         return {row["name"]: row for row in state["ports"]}[name]
 
-    def report(self, subcmd, name, seconds=5.0):
+    def report(self, subcmd, name, seconds=30.0):
         """The row of port `name` in the gateway's report `subcmd`. After a storm of changes the
         switch has those to work through first, and our own socket may have been too full for the
         answer: with nothing more to read, the question is asked again."""

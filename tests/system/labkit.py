@@ -25,11 +25,24 @@ TOP = pathlib.Path(__file__).resolve().parents[2]
 BOARDS = TOP / "platform/linux/boards"
 GATEWAY_END = pathlib.Path(__file__).with_name("gateway_end.py")
 PYTHON = "/usr/bin/python3"
-START_SECONDS = 30.0
+START_SECONDS = 180.0  # with many switches
+RUN_SECONDS = 60.0
 SANITIZER_REPORT = re.compile(r"ERROR: \w+Sanitizer|runtime error:|DEADLYSIGNAL")
 
 
-def wait_until(condition, what="the condition", seconds=10.0):
+# What whoever starts the tests may have set for programs of their own, and a test would not expect.
+FOREIGN = re.compile(
+    r"NO_COLOR|COLUMNS|LINES|(LAB|MORVA|QELCTL)_.*|(http|https|ftp|all|no)_proxy", re.IGNORECASE
+)
+
+
+def own_environment(environment=None):
+    """The environment for what a test starts: the machine's without what is FOREIGN, and `environment`."""
+    kept = {key: value for key, value in os.environ.items() if not FOREIGN.fullmatch(key)}
+    return kept | (environment or {})
+
+
+def wait_until(condition, what="the condition", seconds=30.0):
     """Calls `condition` until it returns something true, and returns that."""
     deadline = time.monotonic() + seconds
     while True:
@@ -61,7 +74,8 @@ class Lab:
         self._output = open(self.dir / "output.txt", "w+b")
         self.process = subprocess.Popen(
             command,
-            env={**os.environ, "LAB_DIR": str(self.dir / "lab"), **(environment or {})},
+            env=own_environment({"LAB_DIR": str(self.dir / "lab"), **(environment or {})}),
+            umask=0o022,
             pass_fds=[theirs.fileno()],
             stdin=subprocess.DEVNULL,
             stdout=self._output,
@@ -104,7 +118,7 @@ class Lab:
 
     # --- running and sockets --------------------------------------------------------------------
 
-    def run(self, *argv, text="", timeout=20.0, check=True):
+    def run(self, *argv, text="", timeout=RUN_SECONDS, check=True):
         """Runs a program in the gateway's network; with `check` it must end with status 0."""
         self._control.settimeout(timeout + 5.0)
         reply = self._ask({"op": "run", "argv": list(argv), "input": text, "timeout": timeout})
@@ -184,7 +198,7 @@ class Lab:
         if self._gateway is not None:
             self._gateway.close()
         try:
-            status = self.process.wait(timeout=20.0)
+            status = self.process.wait(timeout=60.0)
         except subprocess.TimeoutExpired:
             self.process.send_signal(signal.SIGKILL)
             status = self.process.wait()

@@ -15,7 +15,7 @@ import select
 import sys
 import time
 
-STEP_SECONDS = 10.0
+STEP_SECONDS = 30.0
 
 
 def read_to(terminal, awaited):

@@ -126,7 +126,7 @@ def test_every_command_with_wrong_data_leaves_the_agent_well(lab):
 
 def test_the_udp_link_is_closed_by_default(lab):
     with lab.socket(socket.AF_INET, socket.SOCK_DGRAM) as link:
-        link.settimeout(5.0)
+        link.settimeout(30.0)
         link.connect(("192.168.1.10", 20682))
         link.send(PROBE)
         with pytest.raises(ConnectionRefusedError):
@@ -142,7 +142,7 @@ def udp_lab():
 @pytest.fixture
 def link(udp_lab):
     with udp_lab.socket(socket.AF_INET, socket.SOCK_DGRAM) as made:
-        made.settimeout(5.0)
+        made.settimeout(30.0)
         made.connect(("192.168.1.10", 20682))
         yield made
 

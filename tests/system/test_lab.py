@@ -9,20 +9,21 @@ import signal
 import socket
 import subprocess
 import sys
+import tempfile
 import time
 
 import pytest
 
-from labkit import BOARDS, TOP, Lab, wait_until
+from labkit import BOARDS, TOP, Lab, own_environment, wait_until
 
 SCRIPT = TOP / "script/lab"
 NOBODY = 65534
 
 
-def run_lab(*arguments, script=SCRIPT, wrapper=(), environment=None, timeout=60):
+def run_lab(*arguments, script=SCRIPT, wrapper=(), environment=None, timeout=180):
     return subprocess.run(
         [*wrapper, str(script), *arguments],
-        env={**os.environ, **(environment or {})},
+        env=own_environment(environment),
         stdin=subprocess.DEVNULL,
         capture_output=True,
         text=True,
@@ -208,8 +209,7 @@ def lab_processes(marker):
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGKILL])
 def test_a_signal_takes_everything_down(tmp_path, number):
     marker = f"QEL_TEST_MARKER={tmp_path}"
-    environment = {**os.environ, "QEL_TEST_MARKER": str(tmp_path), "TMPDIR": str(tmp_path)}
-    environment.pop("LAB_DIR", None)
+    environment = own_environment({"QEL_TEST_MARKER": str(tmp_path), "TMPDIR": str(tmp_path)})
     with subprocess.Popen(
         [str(SCRIPT), "--", "sh", "-c", "echo up; exec sleep 1000"],
         env=environment,
@@ -221,7 +221,7 @@ def test_a_signal_takes_everything_down(tmp_path, number):
         assert process.stdout.readline() == "up\n"
         assert len(lab_processes(marker)) >= 5
         process.send_signal(number)
-        status = process.wait(timeout=20)
+        status = process.wait(timeout=60)
     wait_until(lambda: not lab_processes(marker), "the end of every process")
     if number != signal.SIGKILL:
         assert status == 128 + number
@@ -250,9 +250,9 @@ def test_the_directory_goes_unless_it_was_given_or_kept(tmp_path):
     assert "starting" in (given / "qel.log").read_text(encoding="utf-8")
 
 
-def test_qelctl_is_told_the_wire(monkeypatch):
-    monkeypatch.setenv("QELCTL_INTERFACE", "eth0")  # one of the machine's
-    result = run_lab("--switches", "3", "--", "qelctl", "discover", "--expect", "3")
+def test_qelctl_is_told_the_wire():
+    machines = {"QELCTL_INTERFACE": "eth0"}
+    result = run_lab("--switches", "3", "--", "qelctl", "discover", "--expect", "3", environment=machines)
     assert (result.returncode, result.stderr) == (0, "")
     assert [line.split()[0] for line in result.stdout.splitlines()] == [
         *("MAC", "0a:1b:2c:3d:4e:5f", "0a:1b:2c:3d:4e:60", "0a:1b:2c:3d:4e:61")
@@ -324,8 +324,8 @@ def test_a_restart_of_the_switch_starts_both_daemons_again(make_lab):
         now = lab.pid("morvad"), lab.pid("qel")
         return None not in now and now[0] != before[0] and now[1] != before[1]
 
-    wait_until(restarted, "new daemons", seconds=15)
-    wait_until(lambda: lab.log("qel").count("starting") == 2, "the second start", seconds=15)
+    wait_until(restarted, "new daemons")
+    wait_until(lambda: lab.log("qel").count("starting") == 2, "the second start")
     assert lab.gateway.probe().json["mac"] == "0a1b2c3d4e5f"
 
 
@@ -339,11 +339,10 @@ def test_several_labs_at_once(make_lab):
 
 
 @pytest.fixture(scope="module")
-def checkout_under_tmp(lab, tmp_path_factory):
+def checkout_under_tmp(lab):
     """As much of a checkout as a lab needs, under /tmp, readable to everybody."""
-    top = tmp_path_factory.mktemp("checkout")
-    for folder in (top, *list(top.parents)[:2]):
-        folder.chmod(0o755)
+    top = pathlib.Path(tempfile.mkdtemp(prefix="qel-checkout.", dir="/tmp"))
+    top.chmod(0o755)
     shutil.copytree(TOP / "script", top / "script")
     shutil.copytree(TOP / "platform/linux/boards", top / "platform/linux/boards")
     shutil.copytree(TOP / "platform/linux/programs", top / "platform/linux/programs")
@@ -351,8 +350,8 @@ def checkout_under_tmp(lab, tmp_path_factory):
     (top / "build/dev/bin").mkdir(parents=True)
     for name in ("qel", "morvad", "morvactl"):
         shutil.copy(programs / name, top / "build/dev/bin")
-    assert str(top).startswith("/tmp/")
-    return top
+    yield top
+    shutil.rmtree(top)
 
 
 def test_a_checkout_under_tmp(make_lab, checkout_under_tmp):

@@ -19,7 +19,7 @@ CHUNK = 1024
 # ---- the gateway's side of the transfers, byte by byte -----------------------------------------
 
 
-def answer_to(gateway, subcmd, seconds=5.0):
+def answer_to(gateway, subcmd, seconds=30.0):
     """The next message named `subcmd`; that a port changed may be told before it, unasked."""
     while True:
         answer = gateway.receive(seconds)
@@ -32,7 +32,7 @@ def answer_to(gateway, subcmd, seconds=5.0):
 def ask_chunk(gateway, index):
     """The header and the bytes of one chunk of the switch's configuration."""
     gateway.command("set", "config_upload", {"index": index})
-    answer = answer_to(gateway, "config_upload", 20.0)
+    answer = answer_to(gateway, "config_upload")
     text, _, rest = answer.text.partition(b"\0")
     data = json.loads(text)["data"]
     assert answer.length == len(text) + 17
@@ -106,7 +106,7 @@ def put_program(lab, name, text):
 
 def agent_restarted(lab, old):
     return wait_until(
-        lambda: lab.pid("qel") not in (None, old) and lab.pid("qel"), "a new agent", 20.0
+        lambda: lab.pid("qel") not in (None, old) and lab.pid("qel"), "a new agent"
     )
 
 
@@ -120,7 +120,7 @@ def answers_again(lab):
         except AssertionError:
             return False
 
-    wait_until(answered, "an answered probe", 20.0)
+    wait_until(answered, "an answered probe")
     lab.gateway.probe()
 
 
