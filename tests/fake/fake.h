@@ -312,6 +312,9 @@ void fail_os(const std::string& function, int error, int skip = 0, int times = 1
 // fills up.
 void cut_write(const std::string& path, size_t count);
 
+// Runs at each write of bytes to a descriptor, which is on the record by then.
+void on_write(std::function<void()> action);
+
 // Writes all frames sent since the last clear as a capture file. False when it cannot.
 bool write_pcap(const std::string& path);
 

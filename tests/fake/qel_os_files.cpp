@@ -29,6 +29,7 @@ struct State {
   std::vector<std::string> shell;
   int shell_status = 0;
   std::function<int(const std::string&)> shell_hook;
+  std::function<void()> write_hook;
   std::map<std::string, Failure> failures;
   std::map<std::string, size_t> cut_writes;  // bytes of the next write, by path
 };
@@ -166,6 +167,9 @@ ssize_t qel_os_write(int fd, const void* data, size_t length) {
     text += byte != '\0' ? std::string(1, byte) : "\\0";  // so that a test sees it
   }
   fake::internal::record("write(%d, %s)", fd, text.c_str());
+  if (state().write_hook) {
+    state().write_hook();
+  }
   return static_cast<ssize_t>(length);
 }
 
@@ -223,6 +227,10 @@ const std::vector<std::string>& shell_commands() {
 }
 void set_shell_status(int status) {
   state().shell_status = status;
+}
+
+void on_write(std::function<void()> action) {
+  state().write_hook = std::move(action);
 }
 
 void on_shell(std::function<int(const std::string&)> hook) {

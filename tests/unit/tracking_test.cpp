@@ -581,8 +581,14 @@ TEST_F(RequestListTest, AnswerToAnUnknownIdIsSaidAndMinusOne) {
 
 TEST_F(RequestListTest, StandardCallbackWritesTheTextWithoutItsNul) {
   const qel_req_context who = context(77);
-  const std::string printed = stdout_of([&] { qel_req_callback_write(&who, "{\"a\":1}"); });
-  EXPECT_EQ(printed, "callback write fd start\rcallback write fd end\r");
+  std::string before;
+  fake::on_write([&before] {
+    before = testing::internal::GetCapturedStdout();
+    testing::internal::CaptureStdout();
+  });
+  const std::string after = stdout_of([&] { qel_req_callback_write(&who, "{\"a\":1}"); });
+  EXPECT_EQ(before, "callback write fd start\r");
+  EXPECT_EQ(after, "callback write fd end\r");
   EXPECT_THAT(fake::calls_of({"write"}), ElementsAre("write(77, {\"a\":1})"));
 }
 
