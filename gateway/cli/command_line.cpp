@@ -52,6 +52,12 @@ void add_commands(CLI::App& app, Choice& choice) {
 // What is wrong with the command line, in one line, and where to read on.
 std::string usage_fault(const CLI::App* app, const CLI::Error& error) {
   std::string why = error.what();
+  // The library tells several of them from the last to the first.
+  const std::vector<std::string> unexpected = app->remaining(true);
+  if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError) &&
+      unexpected.size() > 1) {
+    why = fmt::format("The following arguments were not expected: {}", fmt::join(unexpected, " "));
+  }
   if (const auto at = why.find("At Most 1 required"); at != std::string::npos) {
     why.replace(at, std::string::npos, "given more than once");
   }

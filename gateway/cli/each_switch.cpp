@@ -26,10 +26,12 @@ constexpr Duration kQuickWindow{1500};
 constexpr Duration kWholeWindow{2500};  // longer than a switch waits for one of its modules
 
 std::string heading(const Context& context, const Switch& one) {
-  return tinted(fmt::format("{}  {}  {}", terminal_text(one.identity.name), mac_display(one.mac),
-                            terminal_text(one.identity.model)),
-                Tint::Bold, context.style().colour) +
-         "\n";
+  std::string text = terminal_text(one.identity.name);
+  text += (text.empty() ? "" : "  ") + mac_display(one.mac);
+  if (!one.identity.model.empty()) {
+    text += "  " + terminal_text(one.identity.model);
+  }
+  return tinted(text, Tint::Bold, context.style().colour) + "\n";
 }
 
 Task<void> run_job(Context& context, const Switch& one, const SwitchJob& job, Told& told) {
@@ -71,7 +73,8 @@ std::string read_line() {
 }  // namespace
 
 std::string title_of(const Switch& one) {
-  return fmt::format("{} ({})", terminal_text(one.identity.name), mac_display(one.mac));
+  const std::string name = terminal_text(one.identity.name);
+  return name.empty() ? mac_display(one.mac) : fmt::format("{} ({})", name, mac_display(one.mac));
 }
 
 OrderedJson json_of(const Switch& one) {

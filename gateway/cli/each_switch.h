@@ -37,7 +37,7 @@ ExitCode each_switch(Context& context, const std::vector<Switch>& switches, bool
 // The worse of two exit statuses: failed before no answer before done.
 ExitCode worse(ExitCode one, ExitCode other);
 
-// "office-sw (0a:1b:2c:3d:4e:5f)", fit for a terminal.
+// "office-sw (0a:1b:2c:3d:4e:5f)", fit for a terminal; the MAC alone of a switch without a name.
 std::string title_of(const Switch& one);
 
 // {"mac":...,"name":...}, the start of every JSON line.

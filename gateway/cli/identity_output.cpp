@@ -38,7 +38,9 @@ std::vector<std::string> labels_of(const std::vector<Switch>& switches) {
   std::vector<std::string> labels;
   for (const Switch& one : switches) {
     std::string label = terminal_text(one.identity.name);
-    if (bearers[one.identity.name] > 1) {
+    if (label.empty()) {
+      label = mac_display(one.mac);
+    } else if (bearers[one.identity.name] > 1) {
       constexpr size_t kVendor = 9;  // "0a:1b:2c:", which all of a maker's switches have alike
       label += " " + mac_display(one.mac).substr(kVendor);
     }

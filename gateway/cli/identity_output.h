@@ -18,7 +18,7 @@ inline constexpr std::string_view kUnknownOwnMac = "<own mac>";
 OrderedJson identity_json(const Switch& one);
 
 // Short names for `switches`, fit for a terminal: a switch's own name, with the end of its MAC
-// behind it where others have the same one.
+// behind it where others have the same one; the whole MAC of a switch without a name.
 std::vector<std::string> labels_of(const std::vector<Switch>& switches);
 
 Table identity_table(const std::vector<Switch>& switches);

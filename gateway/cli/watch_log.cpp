@@ -66,8 +66,9 @@ std::string words_of(const Event& event, bool colour) {
 }  // namespace
 
 std::string event_line(const Event& event, bool colour) {
-  return fmt::format("{:%H:%M:%S}  {}  {}\n", fmt::localtime(event.time), terminal_text(event.name),
-                     words_of(event, colour));
+  const std::string name = terminal_text(event.name);
+  return fmt::format("{:%H:%M:%S}  {}  {}\n", fmt::localtime(event.time),
+                     name.empty() ? mac_display(event.mac) : name, words_of(event, colour));
 }
 
 std::string event_json(const Event& event) {
