@@ -211,7 +211,7 @@ def test_a_backup_goes_where_a_link_leads(qelctl, tmp_path):
 
 def test_refusals_end_with_1(qelctl):
     """What a switch refuses or does not do: a set, a transfer, a query."""
-    assert "not taken" in qelctl("--timeout", "0.5", "port", "speed", "ge1", "10G", status=1).stdout
+    assert "not taken" in qelctl("--timeout", "1.5", "port", "speed", "ge1", "10G", status=1).stdout
     assert "failed" in qelctl("backup", "/nonexistent/file", status=1).stdout
     qelctl("port", "speed", "ge1", "AN")
     refusal = {"ret": -1, "error": 'cmd: poe has no command "nosuch"'}
