@@ -156,7 +156,7 @@ def test_firmware_is_pulled(qelctl):
 
 def test_the_bar_on_a_terminal(qelctl, tmp_path):
     image = tmp_path / "image.trx"
-    image.write_bytes(bytes(2_000_000))
+    image.write_bytes(bytes(10_000_000))
     status, screen, output = qelctl.on_terminal(
         "--yes", "firmware", "push", str(image), columns=100, seconds=60
     )
@@ -176,7 +176,7 @@ def test_ctrl_c_in_a_push_leaves_terminal_and_switch_whole(qelctl, tmp_path):
     image = tmp_path / "image.trx"
     image.write_bytes(bytes(30_000_000))
     status, screen, _ = qelctl.on_terminal(
-        "--yes", "firmware", "push", str(image), columns=100, steps=[("  1%", "\x03")], seconds=60
+        "--yes", "firmware", "push", str(image), columns=100, steps=[("[#", "\x03")], seconds=60
     )
     assert status == 130
     assert "firmware push: failed: interrupted; nothing was upgraded" in screen.text()
