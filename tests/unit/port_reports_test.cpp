@@ -219,6 +219,11 @@ TEST_F(ReportTest, RowsStandInListOrderWhateverThePortNumbers) {
   fake::add_port("b", {.port_no = 9});
   fake::add_port("a", {.port_no = 2});
   start();
+  EXPECT_THAT(messages("ports_info"),
+              ElementsAre(R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_info",)"
+                          R"("data":{"b":[0,1,"G",1],"a":[1,1,"G",1]}})",
+                          R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_pos",)"
+                          R"("data":{"b":[0,0],"a":[0,0]}})"));
   EXPECT_THAT(messages("ports_poe"),
               ElementsAre(R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_poe_conf",)"
                           R"("data":{"b":[0,0],"a":[0,0]}})"));
@@ -309,6 +314,37 @@ TEST_F(Board28Test, PageBehindTheLastPortIsEmpty) {
             R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_conf","data":{}})");
   EXPECT_EQ(built(qel_json_ports_states, 99),
             R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_stats","data":{}})");
+}
+
+// Numbered from the back: what counts is where a port stands in the list.
+TEST_F(ReportTest, PagesGoByThePlaceInTheListWhateverThePortNumbers) {
+  for (int number = 22; number >= 1; --number) {
+    fake::add_port(("ge" + std::to_string(number)).c_str(), {.port_no = number});
+  }
+  start();
+  EXPECT_THAT(messages("ports_conf"),
+              ElementsAre(R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_conf","data":{)"
+                          R"("ge22":[1,"AN",0,0,0,0,0,0],"ge21":[1,"AN",0,0,0,0,0,0],)"
+                          R"("ge20":[1,"AN",0,0,0,0,0,0],"ge19":[1,"AN",0,0,0,0,0,0],)"
+                          R"("ge18":[1,"AN",0,0,0,0,0,0],"ge17":[1,"AN",0,0,0,0,0,0],)"
+                          R"("ge16":[1,"AN",0,0,0,0,0,0],"ge15":[1,"AN",0,0,0,0,0,0],)"
+                          R"("ge14":[1,"AN",0,0,0,0,0,0],"ge13":[1,"AN",0,0,0,0,0,0],)"
+                          R"("ge12":[1,"AN",0,0,0,0,0,0],"ge11":[1,"AN",0,0,0,0,0,0],)"
+                          R"("ge10":[1,"AN",0,0,0,0,0,0],"ge9":[1,"AN",0,0,0,0,0,0],)"
+                          R"("ge8":[1,"AN",0,0,0,0,0,0],"ge7":[1,"AN",0,0,0,0,0,0],)"
+                          R"("ge6":[1,"AN",0,0,0,0,0,0],"ge5":[1,"AN",0,0,0,0,0,0],)"
+                          R"("ge4":[1,"AN",0,0,0,0,0,0],"ge3":[1,"AN",0,0,0,0,0,0]}})",
+                          R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_conf","data":{)"
+                          R"("ge2":[1,"AN",0,0,0,0,0,0],"ge1":[1,"AN",0,0,0,0,0,0]}})"));
+  EXPECT_THAT(messages("ports_stats"),
+              ElementsAre(R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_stats","data":{)"
+                          R"("ge22":[0,0,0,0],"ge21":[0,0,0,0],"ge20":[0,0,0,0],"ge19":[0,0,0,0],)"
+                          R"("ge18":[0,0,0,0],"ge17":[0,0,0,0],"ge16":[0,0,0,0],"ge15":[0,0,0,0],)"
+                          R"("ge14":[0,0,0,0],"ge13":[0,0,0,0],"ge12":[0,0,0,0],"ge11":[0,0,0,0],)"
+                          R"("ge10":[0,0,0,0],"ge9":[0,0,0,0],"ge8":[0,0,0,0],"ge7":[0,0,0,0],)"
+                          R"("ge6":[0,0,0,0],"ge5":[0,0,0,0],"ge4":[0,0,0,0],"ge3":[0,0,0,0]}})",
+                          R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_stats","data":{)"
+                          R"("ge2":[0,0,0,0],"ge1":[0,0,0,0]}})"));
 }
 
 TEST_F(ReportTest, FullPageLooksAtNothingBehindIt) {
