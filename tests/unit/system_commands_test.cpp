@@ -324,6 +324,15 @@ TEST_F(SysIpTest, InterfaceWithoutAnAddressCanBeGivenOne) {
           R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"sys_info","data":{"dhcp":0,"sys_ip":"","sys_mask":0,"timestamp":1700000000}})"));
 }
 
+TEST_F(SysIpTest, NoAddressForAnInterfaceWithoutOneIsTheSame) {
+  fake::net("vlanif1").ip = "";
+  fake::net("vlanif1").mask = "";
+  stderr_of([&] { set("sys_ip", R"({"sys_ip":"","sys_mask":24})"); });
+  EXPECT_THAT(fake::console(), ElementsAre("Set the same ip[] ipstr[]\n"));
+  EXPECT_THAT(fake::queries(), IsEmpty());
+  EXPECT_THAT(fake::sent(), IsEmpty());
+}
+
 TEST_F(SysIpTest, HandlerGivesZero) {
   EXPECT_EQ(call(qel_cmd_handle_sys_ip, "{}"), 0);
   EXPECT_EQ(call(qel_cmd_handle_sys_ip, R"({"data":{"sys_ip":"192.168.1.10"}})"), 0);
@@ -372,6 +381,16 @@ TEST_F(SysInfoTest, AddressIsReadAfterTheModuleAnswered) {
   EXPECT_EQ(
       text.view(),
       R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"sys_info","data":{"dhcp":0,"sys_ip":"10.9.8.7","sys_mask":8,"timestamp":1700000002}})");
+}
+
+TEST_F(SysInfoTest, TimestampBeyond2038IsReportedWhole) {
+  fake::set_now(4102444800);
+  qel_text_area<kQelMessageSize> area;
+  qel_text& text = area.begin();
+  qel_json_sys_info(text, 0);
+  EXPECT_EQ(
+      text.view(),
+      R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"sys_info","data":{"dhcp":0,"sys_ip":"192.168.1.10","sys_mask":24,"timestamp":4102444800}})");
 }
 
 TEST_F(SysInfoTest, LeavesTheCountdownAlone) {
@@ -471,6 +490,13 @@ TEST_F(SysTimeTest, OnlyANumberReachesTheShell) {
               ElementsAre(R"(date -s "@1700000000")", R"(date -s "@1")", R"(date -s "@0")",
                           R"(date -s "@0")", R"(date -s "@-5")", R"(date -s "@12")",
                           R"(date -s "@0")", R"(date -s "@7")"));
+}
+
+// As far as the machine's long goes: with 32 bits that is January 2038.
+TEST_F(SysTimeTest, TimestampBeyond2038IsSetWhereALongHoldsIt) {
+  set("sys_time", R"({"timestamp":"4102444800"})");
+  EXPECT_THAT(fake::shell_commands(), ElementsAre(sizeof(long) > 4 ? R"(date -s "@4102444800")"
+                                                                   : R"(date -s "@2147483647")"));
 }
 
 TEST_F(SysTimeTest, TimestampBeyondALongIsSurvived) {
