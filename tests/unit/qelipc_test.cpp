@@ -25,6 +25,12 @@ class PassThroughTest : public AgentTest {
     receive(R"({"mac":"gw","cmd":"get","subcmd":"qelipc","data":)" + data + "}");
   }
 
+  int handle(const char* text) {
+    qel_link link = udp_link();
+    const qel_cjson_tree root(cJSON_Parse(text));
+    return qel_cmd_handle_qelipc(&link, root.get(), text);
+  }
+
   // The same over UDP, where an answer of no bytes is a datagram.
   void pass_udp(const std::string& data) {
     qel_link link = udp_link();
@@ -74,6 +80,26 @@ TEST_F(PassThroughTest, WithoutInnerDataThereIsNoPayload) {
   pass(R"({"mdl":"mono","cmd":"c","cfg_flag":1})");
   EXPECT_THAT(fake::query_texts(),
               ElementsAre(R"({"mdl":"mono","cmd":"c"})", R"({"mdl":"mono","cmd":"c"})"));
+}
+
+TEST_F(PassThroughTest, InnerDataThatIsNullIsAPayload) {
+  pass(R"({"mdl":"m","cmd":"c","data":null})");
+  pass(R"({"mdl":"m","cmd":"c","cfg_flag":1,"data":null})");
+  EXPECT_THAT(fake::query_texts(), ElementsAre(R"({"mdl":"m","cmd":"c","data":null})",
+                                               R"({"mdl":"m","cmd":"c","config":null})"));
+}
+
+TEST_F(PassThroughTest, HandlerReturnsZeroWhateverBecomesOfTheQuery) {
+  EXPECT_EQ(handle("{}"), 0) << "no data";
+  EXPECT_THAT(fake::sent(), IsEmpty());
+  EXPECT_EQ(handle(R"({"data":{}})"), 0) << "nobody is named";
+  EXPECT_EQ(handle(R"({"data":{"mdl":"m","cmd":"c"}})"), 0) << "no reply";
+  fake::reply_once("m", "c", R"({"a":1})");
+  EXPECT_EQ(handle(R"({"data":{"mdl":"m","cmd":"c"}})"), 0);
+  EXPECT_THAT(sent_messages(), ElementsAre("", "", R"({"a":1})"));
+  fake::reply_once("m", "c", std::string(1601, 'r'));
+  EXPECT_EQ(handle(R"({"data":{"mdl":"m","cmd":"c"}})"), 0) << "a reply that is not sent";
+  EXPECT_THAT(fake::sent(), SizeIs(3));
 }
 
 TEST_F(PassThroughTest, WithoutDataNothingIsAskedOrAnswered) {
@@ -137,7 +163,7 @@ TEST_F(PassThroughTest, QueryThatNamesNobodyIsSentToNobodyAndAnsweredEmpty) {
        {"{}", R"({"mdl":"mono"})", R"({"cmd":"c"})", R"({"mdl":7,"cmd":"c"})",
         R"({"mdl":"mono","cmd":null})", R"({"mdl":["mono"],"cmd":"c"})",
         R"({"mdl":"mono","cmd":{"a":"c"}})", R"({"mdl":true,"cmd":false,"data":{},"cfg_flag":1})",
-        "[]", "5", R"("mono")", R"([{"mdl":"mono","cmd":"c"}])"}) {
+        "[]", "5", "null", R"("mono")", R"([{"mdl":"mono","cmd":"c"}])"}) {
     fake::clear_records();
     pass_udp(data);
     EXPECT_THAT(fake::queries(), IsEmpty()) << data;
