@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+
 #include "fixture.h"
 
 namespace qel_gateway {
@@ -59,8 +61,16 @@ TEST_F(SessionTest, SilenceEndsWithItsPatience) {
 }
 
 TEST_F(SessionTest, AnswersThatWaitWhenThePatienceIsOverCountAsAnswers) {
-  // Three questions; the program is held up until long after, and all three answers lie waiting.
-  std::vector<Outcome> outcomes;
+  // Three switches are asked; the program is held up until long after, and all answers lie waiting.
+  const std::array<std::array<const char*, 2>, 3> switches = {{
+      {"0a1b2c3d4e60", "0a 1b 2c 3d 4e 60"},
+      {"0a1b2c3d4e61", "0a 1b 2c 3d 4e 61"},
+      {"0a1b2c3d4e62", "0a 1b 2c 3d 4e 62"},
+  }};
+  for (const auto& [name, address] : switches) {
+    const std::string head = R"({"mac":")" + std::string(name);
+    wire.arrives(reply(head + R"(","cmd":"update","subcmd":"ports_link","data":{}})", address), 10);
+  }
   bool paused = false;
   wire.before_receive = [&] {
     if (!paused) {
@@ -68,9 +78,12 @@ TEST_F(SessionTest, AnswersThatWaitWhenThePatienceIsOverCountAsAnswers) {
       clock.set(clock.now() + Duration(5000));
     }
   };
-  wire.answer("ports_link", {reply(kLinkReply)}, 10);
-  session.run(session.each(3, 3, [&](size_t) -> Task<void> {
-    const Outcome outcome = co_await ask(question());
+  std::vector<Outcome> outcomes;
+  session.run(session.each(3, 3, [&](size_t i) -> Task<void> {
+    Question asked = question();
+    asked.mac = *parse_mac(switches[i][0]);
+    asked.source = Peer{*asked.mac, 0, 0};
+    const Outcome outcome = co_await ask(std::move(asked));
     outcomes.push_back(outcome);
   }));
   EXPECT_EQ(outcomes, (std::vector<Outcome>(3, Outcome::Answered)));
