@@ -110,6 +110,8 @@ const std::vector<std::string>& log_lines();
 // What was written to /dev/console, one text for each time that it was opened and closed.
 const std::vector<std::string>& console();
 std::string console_text();
+// The modes in which it was opened, in order.
+const std::vector<std::string>& console_modes();
 
 // ---------------------------------------------------------------------------------------------
 // Interfaces and ports

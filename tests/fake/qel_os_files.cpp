@@ -26,6 +26,7 @@ struct Failure {
 struct State {
   std::map<std::string, std::string> files;
   std::vector<std::string> console;
+  std::vector<std::string> console_modes;
   std::vector<std::string> shell;
   int shell_status = 0;
   std::function<int(const std::string&)> shell_hook;
@@ -127,7 +128,9 @@ void put_number(std::string& out, uint32_t value) {
 
 std::FILE* qel_os_fopen(const char* path, const char* mode) {
   const bool console = std::strcmp(path, kConsolePath) == 0;
-  if (!console) {
+  if (console) {
+    state().console_modes.emplace_back(mode);
+  } else {
     fake::internal::record("fopen(%s, %s)", path, mode);
   }
   if (fake::internal::os_fails("fopen") || fake::internal::os_fails(std::string("fopen ") + path)) {
@@ -196,6 +199,10 @@ std::string console_text() {
     all += one;
   }
   return all;
+}
+
+const std::vector<std::string>& console_modes() {
+  return state().console_modes;
 }
 
 void fail_os(const std::string& function, int error, int skip, int times) {
@@ -300,6 +307,7 @@ void reset_os_files() {
 
 void clear_os_file_records() {
   state().console.clear();
+  state().console_modes.clear();
   state().shell.clear();
 }
 

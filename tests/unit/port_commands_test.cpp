@@ -138,7 +138,9 @@ INSTANTIATE_TEST_SUITE_P(OtherTexts, SpeedCode,
                          testing::Values(SpeedName{"1000M", 15}, SpeedName{"1g", 15},
                                          SpeedName{"an", 15}, SpeedName{"", 15},
                                          SpeedName{" 1G", 15}, SpeedName{"1G ", 15},
-                                         SpeedName{"100", 15}, SpeedName{"%n%n", 15}),
+                                         SpeedName{"100", 15}, SpeedName{"%n%n", 15},
+                                         SpeedName{"100M-HALF", 15}, SpeedName{"100M-F1", 15},
+                                         SpeedName{"100M-", 15}, SpeedName{"100GF", 15}),
                          [](const auto& row) { return "Text" + std::to_string(row.index); });
 
 TEST_F(PortCommandTest, SpeedWithoutANameHasCode15) {
@@ -273,8 +275,14 @@ TEST_F(PortCommandTest, RestartOfAnUnknownPortOnlyWritesItsLine) {
 
 TEST_F(PortCommandTest, RestartOfAnInterfaceThatIsNoPortIsSurvived) {
   set("port_restart", R"({"vlanif1":5})");
-  qel_port_restart_timer();
-  EXPECT_THAT(fake::console(), SizeIs(1));
+  // It is taken down, and has no countdown that would bring it back.
+  for (int tick = 0; tick < 10; ++tick) {
+    qel_port_restart_timer();
+  }
+  EXPECT_THAT(fake::query_texts(), ElementsAre(R"({"mdl":"mono","cmd":"qel_port_enable_set",)"
+                                               R"("data":{"port":"vlanif1","enable":0}})"));
+  EXPECT_THAT(fake::console(),
+              ElementsAre("qel_cmd_handle_port_restart,629 string[vlanif1] valueint[5] \r\n"));
   expect_alive();
 }
 
@@ -282,6 +290,12 @@ TEST_F(PortCommandTest, RestartLineGoesToStandardErrorWithoutAConsole) {
   fake::fail_os("fopen", ENOENT);
   EXPECT_EQ(stderr_of([&] { set("port_restart", R"({"ge2":5})"); }),
             "qel_cmd_handle_port_restart,629 string[ge2] valueint[5] \r\n");
+}
+
+TEST_F(PortCommandTest, ConsoleIsOpenedForWritingForEachLine) {
+  set("port_restart", R"({"ge2":5})");
+  set("port_restart", R"({"ge3":5})");
+  EXPECT_THAT(fake::console_modes(), ElementsAre("w", "w"));
 }
 
 TEST_F(PortCommandTest, DelayThatIsNoNumberIsSurvived) {
@@ -466,6 +480,24 @@ TEST_F(PortCommandTest, PortsConfSetWithoutDataSendsNothing) {
   receive(R"({"mac":"gw","cmd":"set","subcmd":"ports_conf"})");
   EXPECT_THAT(fake::queries(), IsEmpty());
   EXPECT_THAT(fake::sent(), IsEmpty());
+}
+
+TEST_F(PortCommandTest, PortsConfSetReturnsZeroWithDataAndWithout) {
+  qel_link link = eth_link();
+  for (const char* text : {"{}", R"({"data":{"ge1":1}})", R"({"data":null})"}) {
+    const qel_cjson_tree root(cJSON_Parse(text));
+    EXPECT_EQ(qel_cmd_handle_portsconf_set(&link, root.get(), text), 0) << text;
+  }
+  EXPECT_THAT(fake::queries(), SizeIs(8)) << "four for each that has data";
+}
+
+TEST_F(PortCommandTest, PortsConfSetPassesDataThatIsNull) {
+  set("ports_conf", "null");
+  EXPECT_THAT(fake::query_texts(),
+              ElementsAre(R"({"mdl":"mono","cmd":"qel_common_update_mono_portinfo","data":null})",
+                          R"({"mdl":"llpp","cmd":"qel_common_update_llpp_portinfo","data":null})",
+                          R"({"mdl":"stp","cmd":"qel_common_update_stp_portinfo","data":null})",
+                          R"({"mdl":"lldp","cmd":"qel_common_update_lldp_portinfo","data":null})"));
 }
 
 TEST_F(PortCommandTest, PortsConfSetPassesDataOfAnyKind) {
