@@ -38,7 +38,9 @@ const char* text_or_null(const char* text) {
 
 using wrapper = int (*)(const char* payload, char* reply);
 
-int send_port_value(const char* port_name, const char* member, int32_t value, wrapper send) {
+// `function` is whose payload it is, for the line about one that no message holds.
+int send_port_value(const char* function, const char* port_name, const char* member, int32_t value,
+                    wrapper send) {
   static qel_text_area<kQelMessageSize> area;
   qel_text& payload = area.begin();
   payload.put("{\"port\":\"");
@@ -48,9 +50,12 @@ int send_port_value(const char* port_name, const char* member, int32_t value, wr
   payload.put("\":");
   payload.put_int(value);
   payload.put('}');
-  if (!payload.overflowed()) {
-    send(payload.c_str(), qel_mono_reply_area());
+  if (payload.overflowed()) {
+    qel_console("[%s,%d] len[%d] argc error \n", function, __LINE__,
+                static_cast<int>(payload.length()));
+    return 0;
   }
+  send(payload.c_str(), qel_mono_reply_area());
   return 0;
 }
 
@@ -61,7 +66,7 @@ int qel_cmd_port_enable_update(const char* port_name, int32_t enable) {
     qel_console("%s,%d null \r\n", __func__, kLineEnable);
     return 0;
   }
-  return send_port_value(port_name, "enable", enable, qel_mono_port_enable_set);
+  return send_port_value(__func__, port_name, "enable", enable, qel_mono_port_enable_set);
 }
 
 int qel_cmd_port_speed_update(const char* port_name, const char* speed_name) {
@@ -69,7 +74,7 @@ int qel_cmd_port_speed_update(const char* port_name, const char* speed_name) {
     qel_console("%s,%d null \r\n", __func__, kLineSpeed);
     return 0;
   }
-  return send_port_value(port_name, "speed", qel_port_speed_code(speed_name),
+  return send_port_value(__func__, port_name, "speed", qel_port_speed_code(speed_name),
                          qel_mono_port_speed_set);
 }
 

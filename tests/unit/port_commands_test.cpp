@@ -15,6 +15,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 using testing::SizeIs;
 
 class PortCommandTest : public AgentTest {
@@ -390,6 +391,18 @@ TEST_F(PortCommandTest, PortNameThatNoQueryHoldsIsToldAndNotSent) {
   EXPECT_THAT(fake::queries(), IsEmpty());
   ASSERT_THAT(fake::console(), SizeIs(1));
   EXPECT_THAT(fake::console()[0], HasSubstr("argc error"));
+  expect_alive();
+}
+
+// 22 bytes of the payload stand around the name, one less for the speed.
+TEST_F(PortCommandTest, PortNameThatNoPayloadHoldsIsToldAndNotSent) {
+  set_long("port_enable", R"({")" + std::string(65513, 'g') + R"(":1})");
+  set_long("port_speed", R"({")" + std::string(65514, 'g') + R"(":"1G"})");
+  EXPECT_THAT(fake::queries(), IsEmpty());
+  EXPECT_THAT(fake::console(), ElementsAre(MatchesRegex("\\[qel_cmd_port_enable_update,[0-9]+\\] "
+                                                        "len\\[65535\\] argc error \n"),
+                                           MatchesRegex("\\[qel_cmd_port_speed_update,[0-9]+\\] "
+                                                        "len\\[65535\\] argc error \n")));
   expect_alive();
 }
 
