@@ -2,15 +2,17 @@
 //
 // morvactl moves the switch that morvad plays: cables, counters, power, addresses, events. Each
 // subcommand is one control query (docs/platform-linux.md). Exit status: 0 done, 1 refused or
-// morvad not reached, 2 wrong command line.
+// morvad not reached or not all of the output written, 2 wrong command line.
 #include <CLI/CLI.hpp>
-#include <cstdio>
+#include <algorithm>
 #include <functional>
+#include <initializer_list>
 #include <iostream>
 
 #include "platform/linux/morvactl/client.h"
 #include "platform/linux/morvactl/from_bridge.h"
 #include "platform/linux/morvactl/show.h"
+#include "platform/linux/usage.h"
 
 namespace morvactl {
 namespace {
@@ -36,22 +38,22 @@ CLI::App* subcommand(CLI::App& app, const char* name, const char* what, const ch
   return command;
 }
 
-/// Reads "key=value" words, with values that are whole numbers, into `words.members`. `names` maps
-/// the keys that are allowed to members of the query.
-void read_figures(Words& words, const std::map<std::string, std::string>& names) {
+/// Reads "key=value" words, with values that are whole numbers, into `words.members`. `keys` are
+/// those that are allowed, in the order of the help.
+void read_figures(Words& words, std::initializer_list<const char*> keys) {
   for (const std::string& text : words.list) {
     const size_t sign = text.find('=');
-    const auto name = names.find(text.substr(0, sign));
+    const std::string key = text.substr(0, sign);
     const std::string value = sign == text.npos ? "" : text.substr(sign + 1);
-    if (name == names.end() || value.empty() || value.size() > 20 ||
-        value.find_first_not_of("0123456789") != value.npos) {
+    if (std::find(keys.begin(), keys.end(), key) == keys.end() || value.empty() ||
+        value.size() > 20 || value.find_first_not_of("0123456789") != value.npos) {
       std::string known;
-      for (const auto& [key, member] : names) {
-        known += " " + key;
+      for (const char* each : keys) {
+        known += std::string(" ") + each;
       }
       throw CLI::ValidationError(text, "expected KEY=NUMBER with one of" + known);
     }
-    words.members[name->second] = json::parse(value, nullptr, false);
+    words.members[key] = json::parse(value, nullptr, false);
   }
 }
 
@@ -92,17 +94,15 @@ void add_counters(CLI::App& app, Words& words) {
                  "counters ge1 tx_bytes=1000 rx_bytes=2000 tx_rate=10 rx_rate=20");
   command->add_option("PORT", words.port, "Port name")->required();
   command->add_option("KEY=N", words.list,
-                      "tx_bytes, rx_bytes, tx_rate, rx_rate, fcs_errors, pause_frames");
+                      "tx_bytes, rx_bytes, tx_rate, rx_rate, fcs_errors, pause_frames;"
+                      " one at least, or --run");
   command->add_flag("--run", words.flag, "Let them grow by their rates from there");
   command->callback([&words] {
-    read_figures(words, {{"tx_bytes", "tx_bytes"},
-                         {"tx_sum", "tx_bytes"},
-                         {"rx_bytes", "rx_bytes"},
-                         {"rx_sum", "rx_bytes"},
-                         {"tx_rate", "tx_rate"},
-                         {"rx_rate", "rx_rate"},
-                         {"fcs_errors", "fcs_errors"},
-                         {"pause_frames", "pause_frames"}});
+    if (words.list.empty() && !words.flag) {
+      throw CLI::RequiredError("KEY=N or --run");
+    }
+    read_figures(words,
+                 {"tx_bytes", "rx_bytes", "tx_rate", "rx_rate", "fcs_errors", "pause_frames"});
     words.members["port"] = words.port;
     words.members["run"] = words.flag;
     done("counters_set", words.members);
@@ -118,9 +118,7 @@ void add_poe(CLI::App& app, Words& words) {
                    "power and limit in milliwatts, enable 0 or 1, priority 0 to 255")
       ->required();
   command->callback([&words] {
-    read_figures(
-        words,
-        {{"power", "power"}, {"limit", "limit"}, {"enable", "enable"}, {"priority", "priority"}});
+    read_figures(words, {"power", "limit", "enable", "priority"});
     words.members["port"] = words.port;
     done("poe_set", words.members);
   });
@@ -159,7 +157,7 @@ void list_l2() {
 void add_l2(CLI::App& app, Words& words) {
   CLI::App* l2 = subcommand(app, "l2", "Change the layer-2 address table",
                             "l2 add ge3 02:00:00:00:00:01 --vid 1");
-  l2->require_subcommand(1);
+  l2->require_subcommand(0, 1);
   CLI::App* add = subcommand(*l2, "add", "Add an address, or move it to another port",
                              "l2 add ge3 02:00:00:00:00:01 --vid 10 --type 2 --aging 300");
   add->add_option("PORT", words.port, "Port name")->required();
@@ -222,7 +220,7 @@ void add_roles(CLI::App& app, Words& words) {
 
 void add_firmware(CLI::App& app, Words& words) {
   CLI::App* fw = subcommand(app, "fw", "Look at or set the firmware state", "fw show");
-  fw->require_subcommand(1);
+  fw->require_subcommand(0, 1);
   CLI::App* show = subcommand(*fw, "show", "Print the state", "fw show --json");
   show->add_flag("--json", words.flag, "As one JSON object");
   show->callback([&words] {
@@ -270,9 +268,10 @@ void add_whole(CLI::App& app, Words& words) {
 }
 
 int run(int argc, char** argv) {
-  CLI::App app{"morvactl moves the switch that morvad plays"};
+  CLI::App app("morvactl moves the switch that morvad plays", "morvactl");
   app.footer("Example: morvactl link ge3 down\nEach command has its own --help with an example.");
-  app.require_subcommand(1);
+  app.require_subcommand(0, 1);
+  app.failure_message(morva::usage_fault);
   Words words;
   for (const auto add : {add_link, add_speed, add_counters, add_poe, add_l2, add_blocked, add_roles,
                          add_firmware, add_whole}) {
@@ -281,12 +280,18 @@ int run(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : kExitUsage;
+    const int status = app.exit(error) == 0 ? 0 : kExitUsage;
+    return status != 0 || morva::all_written("morvactl") ? status : kExitFailed;
   } catch (const Failure& failure) {
     std::cerr << "morvactl: " << failure.what() << "\n";
     return kExitFailed;
   }
-  return std::cout.flush() ? 0 : kExitFailed;
+  const std::string missing = morva::choice_fault(&app);
+  if (!missing.empty()) {
+    std::cerr << missing;
+    return kExitUsage;
+  }
+  return morva::all_written("morvactl") ? 0 : kExitFailed;
 }
 
 }  // namespace

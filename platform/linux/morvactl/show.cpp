@@ -101,12 +101,12 @@ std::string firmware_text(const json& firmware) {
   static constexpr const char* kStates[] = {"idle", "transfer", "fetching", "writing"};
   const int state = firmware["state"].get<int>();
   const int detail = firmware["detail"].get<int>();
-  std::string text =
-      state >= 0 && state <= 3 ? kStates[state] : "failed (" + std::to_string(state) + ")";
+  std::string about = state < 0 ? std::to_string(state) : "";
   if (detail != 0) {
-    text += " (detail " + std::to_string(detail) + ")";
+    about += (about.empty() ? "detail " : ", detail ") + std::to_string(detail);
   }
-  return text;
+  const std::string name = state >= 0 && state <= 3 ? kStates[state] : "failed";
+  return about.empty() ? name : name + " (" + about + ")";
 }
 
 std::string switch_table(const json& state) {

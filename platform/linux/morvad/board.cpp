@@ -29,6 +29,8 @@ struct NamedValue {
   int value;
 };
 
+constexpr int kSpeeds[] = {10, 100, 1000, 2500, 5000, 10000, 25000, 40000, 100000};  // Mbit/s
+
 constexpr NamedValue kClasses[] = {
     {"fast", UIF_CLASS_FAST}, {"giga", UIF_CLASS_GIGA}, {"ten_giga", UIF_CLASS_TEN_GIGA}};
 constexpr NamedValue kMedia[] = {{"copper", UIF_MEDIUM_COPPER}, {"fibre", UIF_MEDIUM_FIBRE}};
@@ -120,17 +122,11 @@ class Node {
 
   bool null() const { return value_->is_null(); }
 
-  int one_of(std::initializer_list<int> choices) const {
-    for (const int choice : choices) {
-      if (value_->is_number_integer() && *value_ == choice) {
-        return choice;
-      }
+  int speed() const {
+    if (!value_->is_number_integer() || *value_ > INT32_MAX || !is_speed(value_->get<int64_t>())) {
+      fail("expected one of " + speed_list());
     }
-    std::string wanted;
-    for (const int choice : choices) {
-      wanted += (wanted.empty() ? "" : ", ") + std::to_string(choice);
-    }
-    fail("expected one of " + wanted);
+    return value_->get<int>();
   }
 
   template <size_t N>
@@ -227,7 +223,7 @@ void read_link(const Node& node, BoardPort& port) {
   port.cable = node.member("up").boolean();
   if (node.has("speed")) {
     const Node speed = node.member("speed");
-    port.link_speed = speed.one_of({10, 100, 1000, 2500, 5000, 10000, 25000, 40000, 100000});
+    port.link_speed = speed.speed();
     if (port.link_speed > port.max_speed) {
       speed.fail("expected at most the port's max_speed, " + std::to_string(port.max_speed));
     }
@@ -262,8 +258,7 @@ BoardPort read_port(const Node& node) {
   port.number = node.member("number").small(1, kMaxPorts);
   port.speed_class = node.member("class").one_of(kClasses);
   port.medium = node.member("medium").one_of(kMedia);
-  port.max_speed =
-      node.member("max_speed").one_of({10, 100, 1000, 2500, 5000, 10000, 25000, 40000, 100000});
+  port.max_speed = node.member("max_speed").speed();
   port.link_speed = port.max_speed;
   const Node position = node.member("position");
   position.object({"x", "y"});
@@ -430,6 +425,18 @@ Board read_root(const Node& root, const std::string& file) {
 }
 
 }  // namespace
+
+bool is_speed(int64_t speed) {
+  return std::find(std::begin(kSpeeds), std::end(kSpeeds), speed) != std::end(kSpeeds);
+}
+
+std::string speed_list() {
+  std::string list;
+  for (const int speed : kSpeeds) {
+    list += (list.empty() ? "" : ", ") + std::to_string(speed);
+  }
+  return list;
+}
 
 Board parse_board(const std::string& text, const std::string& file) {
   if (too_deep(text, kMaxDepth)) {

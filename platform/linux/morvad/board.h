@@ -19,7 +19,11 @@ namespace morvad {
 /// Limits of a board file. The port limit keeps each module's reply far below the 65,534 bytes
 /// that a query may carry.
 inline constexpr int kMaxPorts = 128;
-inline constexpr int kMaxSpeed = 100000;  // Mbit/s
+/// Whether a cable can run at that many Mbit/s.
+bool is_speed(int64_t speed);
+
+/// What there is to choose from, for complaints: "10, 100, 1000, ...".
+std::string speed_list();
 
 /// One port as built.
 struct BoardPort {

@@ -26,6 +26,7 @@
 #include "platform/linux/morvad/names.h"
 #include "platform/linux/morvad/query_server.h"
 #include "platform/linux/paths.h"
+#include "platform/linux/usage.h"
 
 namespace morvad {
 namespace {
@@ -146,7 +147,8 @@ int run(Board board) {
 }
 
 int start(int argc, char** argv) {
-  CLI::App app{"morvad plays the rest of the switch around the qel agent"};
+  CLI::App app("morvad plays the rest of the switch around the qel agent", "morvad");
+  app.failure_message(morva::usage_fault);
   std::string file;
   bool foreground = false;
   app.add_option("--board", file, "Board file, see docs/platform-linux.md")->required();
@@ -155,7 +157,8 @@ int start(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : kExitUsage;
+    const int status = app.exit(error) == 0 ? 0 : kExitUsage;
+    return status != 0 || morva::all_written("morvad") ? status : kExitFailed;
   }
   return run(read_board(file));
 }

@@ -36,7 +36,11 @@ void link_set(Context& context, const Request& request, std::string& out) {
 
 void speed_set(Context& context, const Request& request, std::string& out) {
   Port& port = memory_port(context, request);
-  const auto speed = static_cast<int>(int_member(request.payload, "speed", 1, kMaxSpeed));
+  const int64_t asked = int_member(request.payload, "speed", INT64_MIN, INT64_MAX);
+  if (!is_speed(asked)) {
+    throw Refused("speed: expected one of " + speed_list() + " (Mbit/s)");
+  }
+  const auto speed = static_cast<int>(asked);
   if (speed > port.built.max_speed) {
     throw Refused(port.built.name + " can do at most " + std::to_string(port.built.max_speed) +
                   " Mbit/s");

@@ -221,9 +221,18 @@ TEST_F(ProgramTest, MorvadNamesWhatIsWrongWithABoard) {
   EXPECT_EQ(shell(bin("morvad") + " --board " + at("/b.json")), 1);
   EXPECT_EQ(output,
             "morvad: " + at("/b.json") + ": ports[0].medium: expected \"copper\" or \"fibre\"\n");
+}
+
+TEST_F(ProgramTest, MorvadSaysWhatIsWrongWithTheCommandLine) {
   EXPECT_EQ(shell(bin("morvad")), 2);
-  EXPECT_EQ(shell(bin("morvad") + " --wings"), 2);
+  EXPECT_EQ(output, "morvad: --board is required\n\"morvad --help\" says more\n");
+  EXPECT_EQ(shell(bin("morvad") + " --board x --wings"), 2);
+  EXPECT_EQ(output,
+            "morvad: The following argument was not expected: --wings\n"
+            "\"morvad --help\" says more\n");
   EXPECT_EQ(shell(bin("morvad") + " --help"), 0);
+  EXPECT_EQ(shell(bin("morvad") + " --help >/dev/full"), 1);
+  EXPECT_EQ(output, "morvad: not all of the output could be written: No space left on device\n");
 }
 
 TEST_F(ProgramTest, MorvactlSaysWhenNobodyIsThere) {
@@ -231,11 +240,52 @@ TEST_F(ProgramTest, MorvactlSaysWhenNobodyIsThere) {
   EXPECT_EQ(output, "morvactl: morvad does not answer at " + at("/var/run/morva/morvad.sock") +
                         " (No such file or directory); is it running, and may you reach it?\n");
   EXPECT_EQ(shell(bin("morvactl") + " event '{}'"), 1);
-  EXPECT_EQ(shell(bin("morvactl") + " event '{'"), 2);
-  EXPECT_EQ(shell(bin("morvactl")), 2);
-  EXPECT_EQ(shell(bin("morvactl") + " link ge3 sideways"), 2);
-  EXPECT_EQ(shell(bin("morvactl") + " counters ge3 tx=1"), 2);
+}
+
+TEST_F(ProgramTest, MorvactlSaysWhatIsWrongWithTheCommandLine) {
+  const struct {
+    const char* line;
+    const char* said;
+  } rows[] = {
+      {"",
+       "morvactl needs a command: link speed counters poe poe-budget l2 block loop trunk mirror fw "
+       "show oem event board restart\n\"morvactl --help\" says more\n"},
+      {" bogus",
+       "morvactl: The following argument was not expected: bogus\n\"morvactl --help\" says more\n"},
+      {" l2",
+       "morvactl l2 needs a command: add del clear fill list\n\"morvactl l2 --help\" says more\n"},
+      {" fw bogus",
+       "morvactl: The following argument was not expected: bogus\n"
+       "\"morvactl fw --help\" says more\n"},
+      {" speed ge3 abc",
+       "morvactl: MBITS: abc is no whole number\n\"morvactl speed --help\" says more\n"},
+      {" l2 add ge1 02:00:00:00:00:01 --vid 5x",
+       "morvactl: --vid: 5x is no whole number\n\"morvactl l2 add --help\" says more\n"},
+      {" link ge3", "morvactl: STATE is required\n\"morvactl link --help\" says more\n"},
+      {" link ge3 sideways",
+       "morvactl: STATE: sideways not in {up,down}\n\"morvactl link --help\" says more\n"},
+      {" event '{'",
+       "morvactl: JSON: the event is not JSON (--raw sends it all the same)\n"
+       "\"morvactl event --help\" says more\n"},
+      {" counters ge3",
+       "morvactl: KEY=N or --run is required\n\"morvactl counters --help\" says more\n"},
+      {" counters ge3 tx_sum=1",
+       "morvactl: tx_sum=1: expected KEY=NUMBER with one of tx_bytes rx_bytes tx_rate rx_rate "
+       "fcs_errors pause_frames\n\"morvactl counters --help\" says more\n"},
+      {" poe ge3 watts=1",
+       "morvactl: watts=1: expected KEY=NUMBER with one of power limit enable priority\n"
+       "\"morvactl poe --help\" says more\n"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(shell(bin("morvactl") + row.line), 2) << row.line;
+    EXPECT_EQ(output, row.said);
+  }
+}
+
+TEST_F(ProgramTest, MorvactlHelpNamesAllThereIs) {
   EXPECT_EQ(shell(bin("morvactl") + " l2 --help"), 0);
+  EXPECT_EQ(shell(bin("morvactl") + " --help >/dev/full"), 1);
+  EXPECT_EQ(output, "morvactl: not all of the output could be written: No space left on device\n");
   for (const char* name : {"link", "speed", "counters", "poe", "poe-budget", "l2", "l2 add", "oem",
                            "l2 fill", "event", "show", "fw set", "loop", "block", "restart"}) {
     EXPECT_EQ(shell(bin("morvactl") + " " + name + " --help"), 0);
@@ -267,6 +317,20 @@ int session(ProgramTest*, const std::string& root, const std::string& folder) {
   CHECK_OR_EXIT(run("speed ge2 100 half") == 0 && run("oem 1 1") == 0, 5);
   CHECK_OR_EXIT(run("fw set 3 50") == 0 && run("fw show --json") == 0, 6);
   CHECK_OR_EXIT(read_file(root + "/out") == "{\"detail\":50,\"state\":3}\n", 7);
+  CHECK_OR_EXIT(run("fw set -2 5") == 0 && run("fw show") == 0, 19);
+  CHECK_OR_EXIT(read_file(root + "/out") == "failed (-2, detail 5)\n", 20);
+  CHECK_OR_EXIT(run("fw set 3 50") == 0 && run("fw show") == 0, 21);
+  CHECK_OR_EXIT(read_file(root + "/out") == "writing (detail 50)\n", 22);
+  CHECK_OR_EXIT(run("speed ge3 77") == 1, 23);
+  CHECK_OR_EXIT(read_file(root + "/out") ==
+                    "morvactl: speed: expected one of 10, 100, 1000, 2500, 5000, 10000, 25000, "
+                    "40000, 100000 (Mbit/s)\n",
+                24);
+  CHECK_OR_EXIT(run("show 2>" + root + "/why >/dev/full; test $? = 1") == 0, 25);
+  CHECK_OR_EXIT(read_file(root + "/why") ==
+                    "morvactl: not all of the output could be written: No space left on device\n",
+                26);
+  CHECK_OR_EXIT(run("counters ge3 --run") == 0, 27);
   CHECK_OR_EXIT(run("l2 fill 20000") == 0 && run("l2 list") == 0, 8);
   const std::string list = read_file(root + "/out");
   CHECK_OR_EXIT(std::count(list.begin(), list.end(), '\n') == 20000, 9);

@@ -561,6 +561,12 @@ TEST_F(ModulesTest, ControlMovesCablesAndRoles) {
             R"({"ret":0,"data":{"duplex":1,"speed":10}})");
   EXPECT_EQ(command(kControl, "speed_set", R"({"port":"ge2","speed":2500})"),
             refused("ge2 can do at most 1000 Mbit/s"));
+  for (const char* speed : {"77", "0", "-10", "99999999999"}) {
+    EXPECT_EQ(
+        command(kControl, "speed_set", R"({"port":"ge2","speed":)" + std::string(speed) + "}"),
+        refused("speed: expected one of 10, 100, 1000, 2500, 5000, 10000, 25000, 40000, "
+                "100000 (Mbit/s)"));
+  }
   EXPECT_EQ(command(kControl, "trunk_set", R"({"port":"ge2","trunk":2})"), kDone);
   EXPECT_EQ(command(kControl, "mirror_set", R"({"port":"ge2","mirror":true})"), kDone);
   const std::vector<std::string> expected = {"ge1 status 0 0 0 1 0", "ge2 status 1 10 1 1 0",
