@@ -166,6 +166,33 @@ def test_word_cut_short_switches_the_agent(lab):
         assert frames_to_cpu(lab) == shown
 
 
+def test_line_wider_than_the_window(lab):
+    """A terminal that tells no size has 80 columns, the prompt takes 5 of them."""
+    *_, typed, home, entered, _ = operate(
+        lab,
+        ["y" * 79 + "z", "z"],
+        ["\x01", "\x1b[5C"],
+        ["\r", "% Unknown command\r\nqel> "],
+        ["\x04", ""],
+    )
+    assert typed == "y" * 75 + " \ryyyyz"
+    assert home == "\x1b[1A\r\x1b[5C"
+    assert entered.startswith("y" * 79 + "z\r\n  ")
+
+
+def test_tab_finishes_the_name_of_an_interface(lab):
+    *_, begun, finished, _ = operate(
+        lab,
+        ["enable\r", "qel# "],
+        ["configure terminal\r", "qel(config)# "],
+        ["int\tv\t", "vlanif1 "],
+        ["\r", "qel(config-if)# "],
+        ["end\rexit\r", ""],
+    )
+    assert begun == "interface vlanif1 "
+    assert finished == "\r\nqel(config-if)# "
+
+
 def test_interrupt_key_gives_the_line_up(lab):
     steps = operate(lab, ["enable nonsense\x03", "\r\nqel> "], ["\x04", ""])
     assert "% Unknown command" not in "".join(steps)
