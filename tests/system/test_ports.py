@@ -123,7 +123,7 @@ def test_ports_stats_is_two_pages_the_first_in_two_frames(make_lab):
 
 
 def test_counters_grow_by_the_rates_of_the_board_while_there_is_link(lab):
-    first, before = rows(lab, "ports_stats"), time.monotonic()
+    before, first = time.monotonic(), rows(lab, "ports_stats")
     wait_until(lambda: rows(lab, "ports_stats")["ge1"][0] >= first["ge1"][0] + 10000, "traffic on ge1")
     second, seconds = rows(lab, "ports_stats"), time.monotonic() - before
     assert second["ge1"][2:] == [25000, 10000]

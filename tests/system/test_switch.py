@@ -60,7 +60,7 @@ def answers(lab):
         except AssertionError:
             return False
 
-    wait_until(answered, "an answered probe", 20.0)
+    wait_until(answered, "an answered probe")
 
 
 def restarted(lab, cause):
@@ -73,8 +73,8 @@ def restarted(lab, cause):
         now = lab.pid("morvad"), lab.pid("qel")
         return None not in now and now[0] != before[0] and now[1] != before[1]
 
-    wait_until(both_new, "new daemons", 20.0)
-    wait_until(lambda: lab.log("qel").count(" starting") > starts, "the agent's start", 20.0)
+    wait_until(both_new, "new daemons")
+    wait_until(lambda: lab.log("qel").count(" starting") > starts, "the agent's start")
     answers(lab)
 
 
@@ -114,7 +114,7 @@ def test_address_is_changed_and_the_talk_goes_on(make_lab):
     # The new address is one that a neighbour can talk to.
     lab.run("ip", "addr", "add", "192.168.0.1/20", "dev", "gw0")
     link = lab.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    link.settimeout(5.0)
+    link.settimeout(30.0)
     link.sendto(b'{"cmd":"probe","subcmd":"probe","mac":"u","data":{"ntick":3}}', ("192.168.7.77", 20682))
     assert b'"sys_ip":"192.168.7.77","sys_mask":20' in link.recv(2000)
     link.close()
@@ -240,7 +240,8 @@ def test_countdown_steps_through_the_store_to_zero(make_lab):
         return value == "0"
 
     wait_until(at_zero, "the end of the countdown")
-    assert seen == ["3", "2", "1", "0"]
+    # Whoever pauses misses steps.
+    assert seen == [value for value in ("3", "2", "1", "0") if value in seen]
     assert probed(lab)["sys_active"] == 0
 
 
@@ -307,7 +308,7 @@ def test_agent_is_switched_off_by_a_local_event_and_stays_off_over_a_restart(mak
     before = lab.pid("qel")
     lab.morvactl("restart")
     wait_until(lambda: lab.pid("qel") not in (None, before), "the restart", 20.0)
-    wait_until(lambda: lab.log("qel").count(" starting") == 2, "the agent's start", 20.0)
+    wait_until(lambda: lab.log("qel").count(" starting") == 2, "the agent's start")
     wait_until(lambda: frames_to_cpu(lab) == 0, "the hardware's switch")
     event(lab, type="cldm_conf", qel_enable=1)
     wait_until(lambda: frames_to_cpu(lab) == 1, "the hardware's switch")
@@ -329,7 +330,7 @@ def test_second_agent_ends_and_the_first_goes_on_undisturbed(make_lab, options):
     event(lab, type="lldp_add", mac="00:11:22:33:44:55", local_interface="ge1")
     assert lab.gateway.receive().json["data"]["ge1"]["client_mac"] == "001122334455"
     with lab.socket(socket.AF_INET, socket.SOCK_STREAM, inside=1) as shell:
-        shell.settimeout(5.0)
+        shell.settimeout(30.0)
         shell.connect(("127.0.0.1", 2625))
         assert shell.recv(100)
     lab.morvactl("link", "ge1", "down")
