@@ -32,15 +32,22 @@ from test_vty import operate
 
 LONGER = int(os.environ.get("QEL_FAULTS", "1"))
 SWITCH = bytes.fromhex("0a1b2c3d4e5f")
-DEADLINE_MS = 250
+DEADLINE_MS = 500
 SHORT = {"MORVA_QUERY_DEADLINE_MS": str(DEADLINE_MS)}
-SLACK = 3.0  # seconds that a busy machine may add
+SLACK = 20.0  # seconds that a busy machine may add; a query without a deadline takes for ever
 CHUNK = 1024
 
 
 @pytest.fixture(scope="module")
 def quick():
     with Lab(environment=SHORT) as running:
+        yield running
+
+
+@pytest.fixture(scope="module")
+def patient():
+    """A lab whose agent waits for as long as it takes a busy machine to stutter."""
+    with Lab(environment={"MORVA_QUERY_DEADLINE_MS": "20000"}) as running:
         yield running
 
 
@@ -113,12 +120,12 @@ def test_module_that_fails_in_any_query_holds_nothing_but_that_query(quick, modu
 @pytest.mark.parametrize(
     ("module", "subcmd"), [("poe", "ports_poe"), ("statistics", "ports_stats")]
 )
-def test_module_that_stutters_is_heard_to_the_end(quick, module, subcmd):
-    before = [without_numbers(text) for text in read(quick.gateway, subcmd)]
-    length = quick.queries()[-1]["reply_bytes"]
-    with double(quick, module, "stutters"):
-        assert [without_numbers(text) for text in read(quick.gateway, subcmd)] == before
-        assert abs(quick.queries()[-1]["reply_bytes"] - length) < 100  # counters get longer
+def test_module_that_stutters_is_heard_to_the_end(patient, module, subcmd):
+    before = [without_numbers(text) for text in read(patient.gateway, subcmd)]
+    length = patient.queries()[-1]["reply_bytes"]
+    with double(patient, module, "stutters"):
+        assert [without_numbers(text) for text in read(patient.gateway, subcmd)] == before
+        assert abs(patient.queries()[-1]["reply_bytes"] - length) < 100  # counters get longer
 
 
 def without_numbers(text):
@@ -126,10 +133,10 @@ def without_numbers(text):
     return re.sub(rb"(?<=[\[,])[1-9][0-9]*", b"N", text)
 
 
-def test_setting_that_a_stuttering_module_takes_counts(quick):
-    with double(quick, "mono", "stutters"):
-        quick.gateway.command("set", "name", {"name": "stutter"})
-        assert quick.gateway.probe().json["data"]["name"] == "stutter"
+def test_setting_that_a_stuttering_module_takes_counts(patient):
+    with double(patient, "mono", "stutters"):
+        patient.gateway.command("set", "name", {"name": "stutter"})
+        assert patient.gateway.probe().json["data"]["name"] == "stutter"
 
 
 # ---- death under load ---------------------------------------------------------------------------
@@ -171,17 +178,20 @@ def load(lab, every=0.002):
         sender.close()
 
 
-def answered(lab, seconds=20.0):
-    """Asks until a probe of ours is answered; what else comes is dropped. The seconds it took."""
+def answered(lab, seconds=60.0):
+    """Asks until a probe of ours is answered, late or not; what else comes is dropped. The seconds it
+    took. Answers to further probes may still come."""
     gateway, start = lab.gateway, time.monotonic()
+    asked = []
     while time.monotonic() < start + seconds:
-        ntick = random.randrange(10**6, 10**9)
+        asked.append(random.randrange(10**6, 10**9))
         with contextlib.suppress(OSError):
-            gateway.command("probe", "probe", {"ntick": ntick}, SWITCH)
+            gateway.command("probe", "probe", {"ntick": asked[-1]}, SWITCH)
         until = time.monotonic() + 0.1
         while time.monotonic() < until:
             try:
-                if f'"ntick":{ntick}}}'.encode() in gateway.receive(0.05).text:
+                told = re.search(rb'"ntick":(\d+)}', gateway.receive(0.05).text)
+                if told and int(told[1]) in asked:
                     return time.monotonic() - start
             except (AssertionError, OSError):
                 break
@@ -215,7 +225,6 @@ def test_daemons_killed_at_random_under_load_leave_nothing_broken(make_lab):
             worst = max(worst, answered(lab))
     print(f"{12 * LONGER} kills under load, longest until a probe was answered: {worst:.2f} s")
     answered(lab)
-    drain(lab)
     assert lab.gateway.probe().json["data"]["name"] == "kept"
     kept = [line.split("=")[0] for line in settings(lab)]
     assert keys <= set(kept) and len(kept) == len(set(kept))
@@ -288,7 +297,7 @@ def setting(lab, key, path="/var/conf/nvram.conf"):
 
 def fetch_config(lab):
     lab.gateway.command("set", "config_upload", {"index": 0})
-    return lab.gateway.receive(20.0).json["data"]["state"]
+    return lab.gateway.receive().json["data"]["state"]
 
 
 def push_config(lab):
@@ -484,23 +493,24 @@ def ask_everything(lab):
 
 def test_agent_without_a_descriptor_left_answers_again_when_it_has_some(make_lab):
     lab = make_lab(environment=SHORT)
+    lab.gateway.probe()
     before, _ = status(lab)
     whole = [read(lab.gateway, one) for one in ("ports_conf", "ports_poe")]
     with limited(lab, "qel", nofile=before):
         ask_everything(lab)
+        lab.gateway.probe()  # what else is answered comes before this
         # No module can be asked, so there is no priority to tell; the rest of the answer is whole.
-        drain(lab)
         assert b":[1," not in read(lab.gateway, "ports_poe")[0]
         assert read(lab.gateway, "ports_conf") == whole[0]
-    drain(lab)
     assert lab.gateway.probe().json["data"]["sys_ip"] == "192.168.1.10"
     assert [read(lab.gateway, one) for one in ("ports_conf", "ports_poe")] == whole
-    wait_until(lambda: status(lab)[0] == before, "descriptors as before", seconds=40.0)
+    wait_until(lambda: status(lab)[0] == before, "descriptors as before", seconds=60.0)
 
 
 def test_connections_that_cannot_be_taken_do_not_keep_the_agent_busy(make_lab):
     """Whoever waits at the agent's local ports while it has no descriptor left waits quietly."""
     lab = make_lab()
+    lab.gateway.probe()
     before, _ = status(lab)
     callers = [lab.socket(socket.AF_INET, socket.SOCK_STREAM, inside=1) for _ in range(4)]
     with limited(lab, "qel", nofile=before):
@@ -521,16 +531,17 @@ def test_connections_that_cannot_be_taken_do_not_keep_the_agent_busy(make_lab):
 
 def test_platform_without_a_descriptor_left_answers_again_when_it_has_some(make_lab):
     lab = make_lab(environment=SHORT)
+    lab.gateway.probe()
     before, _ = status(lab, "morvad")
     whole = read(lab.gateway, "ports_poe")
     # A sanitizer that sees the first refusal looks into memory by a pipe, which it could not make.
     lab.morvactl("link", "nosuch", "down", check=False)
     with limited(lab, "morvad", nofile=before):
         ask_everything(lab)
-        lab.gateway.until_probe()
-    drain(lab)
+        lab.gateway.probe()
+    lab.gateway.probe()
     assert read(lab.gateway, "ports_poe") == whole
-    assert status(lab, "morvad")[0] <= before
+    wait_until(lambda: status(lab, "morvad")[0] <= before, "descriptors as before")
 
 
 class TestMemory:
@@ -689,7 +700,7 @@ def test_storm_from_one_source_leaves_the_other_gateway_present(make_lab, text):
     with lab.socket(socket.AF_PACKET, socket.SOCK_RAW) as own:
         own.bind(("gw0", TO_GATEWAY))
         only_for(own, other.mac)
-        own.settimeout(1.0)
+        own.settimeout(1.0)  # until it is looked whether the storm is over
         with flood(lab, text, frame(SWITCH, other.mac, probe), seconds) as pipe:
             good = 0
             while not select.select([pipe], [], [], 0)[0]:
@@ -697,10 +708,8 @@ def test_storm_from_one_source_leaves_the_other_gateway_present(make_lab, text):
                     good += b'"ntick":424242}' in own.recv(2000)
             storm, sent = json.load(pipe)
         os.wait()
-    drain(lab)
-    start = time.monotonic()
-    lab.gateway.probe()  # which fails when this one is not answered
-    calm = time.monotonic() - start
+    calm = answered(lab)  # which fails when none is
+    lab.gateway.probe()
     print(
         f"storm of {storm / seconds:.0f} frames/s: {good} of {sent} probes of another gateway "
         f"answered, the first one after it within {calm * 1000:.0f} ms"
