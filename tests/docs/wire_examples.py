@@ -99,6 +99,7 @@ class Exchange:
         self.gateway.send(request(line)[0])
         wait_until(lambda: self.lab.pid("qel") not in (before, None), "a restarted agent", 30)
         wait_until(self.answers, "an answer of the restarted agent", 30)
+        self.settle()  # what was asked more than once is answered more than once
 
     def answers(self):
         self.gateway.command("ping", "ping", {})

@@ -24,7 +24,7 @@ SHELL = """
 import socket, sys
 shell = socket.socket(socket.AF_UNIX)
 shell.connect("/var/run/qel.vty")
-shell.settimeout(10)
+shell.settimeout(30)
 shell.sendall("\\n".join(["enable", "configure terminal", *sys.argv[1:], "end", "exit", ""]).encode())
 while part := shell.recv(65536):
     sys.stdout.write(part.decode())
