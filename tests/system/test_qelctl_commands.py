@@ -193,7 +193,7 @@ def test_what_is_no_regular_file_is_refused_before_anybody_is_asked(dead_wire, t
     for name in ("pipe", "link"):
         file = tmp_path / name
         assert dead_wire("backup", file, status=1).stderr == f"qelctl: {file} is no regular file\n"
-        assert dead_wire("restore", file, status=1, timeout=10).stderr == f"qelctl: {file} is no regular file\n"
+        assert dead_wire("restore", file, status=1).stderr == f"qelctl: {file} is no regular file\n"
     assert (tmp_path / "pipe").is_fifo()
 
 
