@@ -59,7 +59,7 @@ print -- '= over' >>%(matches)s
         os.write(self.terminal, f"source {script}\n".encode())
         self._told()
 
-    def _told(self, seconds=20):
+    def _told(self, seconds=60):
         """What came into the file up to the mark; the terminal is kept empty meanwhile."""
         deadline, shown = time.monotonic() + seconds, b""
         while not (self.matches.exists() and "= over\n" in self.matches.read_text()):

@@ -90,7 +90,7 @@ def test_continuous_integration_runs_everything_or_nothing():
 def test_the_demo_shows_a_client_come_go_and_come_back():
     environment = {**os.environ, "DEMO_PAUSE": "0"}
     argv = [TOP / "script/lab", "--switches", "3", "--", TOP / "script/demo", "--in-lab"]
-    done = subprocess.run(argv, env=environment, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120)
+    done = subprocess.run(argv, env=environment, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=300)
     assert done.returncode == 0, done.stdout + done.stderr
     traps = done.stdout.partition("$ qelctl --switch core watch   (meanwhile)\n")[2].partition("\n\n")[0]
     assert re.sub(r"(?m)^\d\d:\d\d:\d\d  ", "", traps).split("\n") == [

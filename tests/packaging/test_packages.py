@@ -39,7 +39,7 @@ class Service:
         self.process = self.root.start(words, ",".join(["-all", *kept]), self.log)
 
     def wait(self):
-        return self.process.wait(timeout=20)
+        return self.process.wait(timeout=60)
 
     def stop(self):
         if self.process is not None and self.process.poll() is None:

@@ -13,7 +13,7 @@ import sys
 import time
 
 SWITCH = "0a:1b:2c:3d:4e:77"
-PATIENCE = 20.0  # seconds for the emulator to come up on a busy machine
+PATIENCE = 60.0  # seconds for the emulator to come up on a busy machine
 
 # Group address, the gateway's own, ethertype 0x9301, the 16-byte header (73 bytes of text and 16),
 # the text.
