@@ -10,7 +10,7 @@ import pytest
 
 from commands import LAB, MACHINE, NETWORK, SWITCH, blocks, blocks_of, documents, typed
 from helptext import TOP
-from labkit import PYTHON, Lab
+from labkit import PYTHON, Lab, own_environment
 
 BLOCKS = blocks()
 SECONDS = 60.0
@@ -28,7 +28,7 @@ def lab():
 
 def run_here(home, *argv):
     """Runs a program outside of the lab; what it leaves at home is not ours."""
-    environment = {**os.environ, **ENVIRONMENT, "HOME": str(home)}
+    environment = own_environment({**ENVIRONMENT, "HOME": str(home)})
     options = {"stdin": subprocess.DEVNULL, "capture_output": True, "text": True, "check": False}
     return subprocess.run(argv, cwd=TOP, env=environment, timeout=2 * SECONDS, **options)
 

@@ -9,6 +9,7 @@ import subprocess
 import pytest
 
 from helptext import TOP
+from labkit import own_environment
 
 SCRIPTS = sorted(path.name for path in (TOP / "script").iterdir() if path.is_file())
 SECONDS = 60.0
@@ -18,7 +19,7 @@ def run(*argv):
     """Runs a script, and ends it with all that it started where it does not end by itself."""
     argv = [str(each) for each in argv]
     # What it begins to build or to install goes wrong at once.
-    environment = {**os.environ, "QEL_BUILD_DIR": "/no/such/build"}
+    environment = own_environment({"QEL_BUILD_DIR": "/no/such/build"})
     options = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True}
     with subprocess.Popen(argv, env=environment, start_new_session=True, **options) as process:
         try:
@@ -88,7 +89,7 @@ def test_continuous_integration_runs_everything_or_nothing():
 
 
 def test_the_demo_shows_a_client_come_go_and_come_back():
-    environment = {**os.environ, "DEMO_PAUSE": "0"}
+    environment = own_environment({"DEMO_PAUSE": "0"})
     argv = [TOP / "script/lab", "--switches", "3", "--", TOP / "script/demo", "--in-lab"]
     done = subprocess.run(argv, env=environment, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=300)
     assert done.returncode == 0, done.stdout + done.stderr
