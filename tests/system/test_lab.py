@@ -2,6 +2,7 @@
 """The lab itself: it runs a command between a switch and a gateway, leaves the machine as it was,
 and leaves nothing behind."""
 
+import json
 import os
 import pathlib
 import shutil
@@ -269,6 +270,17 @@ def test_a_wrong_board_ends_with_morvads_own_words(tmp_path):
     result = run_lab("--board", str(board), "--", "true")
     assert result.returncode == 125
     assert str(board) in result.stderr and "mask" in result.stderr
+
+
+@pytest.mark.parametrize("name", ["sw1", "vlanif1", "a/b"])
+def test_wrong_interfaces_of_a_board_are_told_by_morvad(tmp_path, name):
+    board = json.loads((BOARDS / "bridge.json").read_text(encoding="utf-8"))
+    board["ports"][0]["interface"], board["ports"][1]["interface"] = "sw1", name
+    path = tmp_path / "wrong.json"
+    path.write_text(json.dumps(board), encoding="utf-8")
+    result = run_lab("--board", str(path), "--", "true")
+    assert result.returncode == 125
+    assert f"{path}: ports[1].interface: expected " in result.stderr and "RTNETLINK" not in result.stderr
 
 
 def test_a_board_that_does_not_exist():

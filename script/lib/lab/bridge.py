@@ -10,6 +10,7 @@ others to hosts: processes that only hold a network namespace, with a /run of th
 
 import ipaddress
 import os
+import re
 import shlex
 
 import namespaces as ns
@@ -20,10 +21,14 @@ FIRST_ADDRESS = 100  # host N has this address of the switch's network, plus N
 
 
 def ports(board):
-    """The interfaces behind the ports of `board`, in its order; none: the ports live in memory."""
+    """The interfaces behind the ports of `board`, in its order; none: the ports live in memory.
+
+    What no interface can be called, or is taken, is left out: morvad says what is wrong with it.
+    """
     rows = board.get("ports")
     names = [row.get("interface") for row in rows if isinstance(row, dict)] if rows else []
-    return [name for name in names if isinstance(name, str) and name]
+    fit = [name for name in names if isinstance(name, str) and re.fullmatch(r"[^\s/]{1,15}", name)]
+    return [name for name in dict.fromkeys(fit) if name != "vlanif1"]
 
 
 class Host:
