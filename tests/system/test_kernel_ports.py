@@ -225,7 +225,7 @@ def test_lldp_neighbours_show_and_move(fresh_lab):
     lab.host(1, "ip", "link", "set", "br0", "up")
     lab.host(1, "ip", "link", "set", "eth0", "master", "br0")
     lab.start_lldpd(*lab.switch_prefix(), options=["-I", "swp*,!swp9"])
-    wait_until(lambda: "lldpd: listening" in lab.log("morvad"),)
+    wait_until(lambda: "lldpd: listening" in lab.log("morvad"))
     for number in (1, 2):
         lab.start_lldpd(*lab.host_prefix(number), options=["-I", "eth*"])
     switch = row_until(lab, "ports_client", "ge1", lambda row: row["client_state"] == "ON")

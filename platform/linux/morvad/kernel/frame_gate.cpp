@@ -70,7 +70,8 @@ std::string FrameGate::set(bool open) {
   }
   open_ = open;
   if (open) {
-    return join();
+    // Closing a packet socket waits for the kernel's readers, some 10 ms, so a member stays one.
+    return member_.valid() ? "" : join();
   }
   member_.reset(-1);
   return {};
@@ -93,6 +94,7 @@ std::string FrameGate::join() {
 
 std::string FrameGate::interface_made(int index) {
   index_ = index;
+  member_.reset(-1);
   std::string refusal = set(open_);
   open_ = open_ || !refusal.empty();
   return refusal;
