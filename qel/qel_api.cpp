@@ -4,11 +4,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/log.h"
 #include "platform/sys.h"
 #include "protocol/gateway_protocol.h"
+#include "qel/qel_confdir.h"
 #include "qel/qel_console.h"
 #include "qel/qel_json.h"
 #include "qel/qel_os.h"
+#include "qel/qel_restart.h"
 #include "qel/qel_shell.h"
 #include "qel/qel_table.h"
 
@@ -55,6 +58,13 @@ int load_archive(std::FILE* file) {
   return 0;
 }
 
+// The end of a restore whose files are in place. Flash comes before the commit: until then the next
+// start does both again.
+void store_and_commit() {
+  qel_shell_run("/morva/bin/conf flash");
+  qel_confdir_commit();
+}
+
 void write_failed(size_t written, size_t length) {
   qel_console("Write failed! written[%d], len[%d]\n", static_cast<int>(written),
               static_cast<int>(length));
@@ -65,13 +75,24 @@ void write_failed(size_t written, size_t length) {
 qel_conf_transfer g_qel_conf;
 
 void qel_api_conf_init() {
-  qel_os_unlink(kUploadPath);
-  qel_os_unlink(kDownloadPath);
+  qel_confdir_remove_archive(kUploadPath);
+  qel_confdir_remove_archive(kDownloadPath);
   g_qel_conf = qel_conf_transfer{};
+  const qel_confdir_result finished = qel_confdir_recover();
+  qel_confdir_sweep();
+  if (finished == qel_confdir_result::replaced) {
+    zlog_notice("a restore that was interrupted is finished, the switch restarts");
+    store_and_commit();
+    if (qel_restart_order() != 0) {
+      zlog_err("the switch refused to restart: the finished restore counts from its next restart");
+    }
+  }
 }
 
 int qel_api_conf_pack() {
-  if (qel_shell_run("cd /var/conf && tar -zcvf getconf.tar.gz *.conf") != 0) {
+  qel_confdir_sweep();
+  qel_confdir_remove_archive(kUploadPath);
+  if (qel_shell_run("cd /var/conf && tar -zcvf getconf.tar.gz -- *.conf") != 0) {
     return 0;
   }
   std::FILE* file = qel_os_fopen(kUploadPath, "rb");
@@ -108,7 +129,7 @@ int qel_api_conf_release() {
   std::free(g_qel_conf.upload_data);
   g_qel_conf.upload_data = nullptr;
   g_qel_conf.upload_length = 0;
-  qel_shell_run("rm -rf /var/conf/getconf.tar.gz");
+  qel_shell_run("rm -rf -- /var/conf/getconf.tar.gz");
   return 0;
 }
 
@@ -149,7 +170,7 @@ int qel_api_download_begin(int32_t total_length) {
   if (data == nullptr) {
     return -2;
   }
-  qel_os_unlink(kDownloadPath);
+  qel_confdir_remove_archive(kDownloadPath);
   g_qel_conf.download_file = qel_os_fopen(kDownloadPath, "wb");
   if (g_qel_conf.download_file == nullptr) {
     qel_console("File Open failed\n");
@@ -211,26 +232,33 @@ void qel_api_download_reset() {
   qel_console("[%s,%d] \n", __func__, __LINE__);
 }
 
+bool qel_api_download_unpack() {
+  const bool good = qel_confdir_unpack();
+  if (!good) {
+    qel_confdir_remove_archive(kDownloadPath);
+  }
+  return good;
+}
+
 void qel_api_update_down_config(int flag) {
   if (flag != 0) {
-    qel_shell_run("cd /var/conf && rm *.conf && tar -zxvf downlconf.tar.gz");
-    qel_shell_run("rm /var/conf/downlconf.tar.gz");
-    qel_shell_run("/morva/bin/conf flash");
-    sys_reboot();
+    const qel_confdir_result result = qel_confdir_replace();
+    qel_confdir_remove_archive(kDownloadPath);
+    if (result == qel_confdir_result::replaced) {
+      store_and_commit();
+    }
+    qel_restart_order();
   }
   qel_console("[%s,%d] down config flag[%d] \n", __func__, __LINE__, flag);
 }
 
-bool qel_api_chunk(const char* text, int32_t position, int32_t length,
+bool qel_api_chunk(std::span<const uint8_t> received, int32_t position, int32_t length,
                    std::span<const uint8_t>* chunk) {
-  constexpr auto kArea = static_cast<int32_t>(proto::kTextReadSize);
   *chunk = {};
-  if (length == 0) {
-    return true;
-  }
-  if (position < 0 || length < 0 || position > kArea || length > kArea - position) {
+  if (position < 0 || length < 0 || static_cast<size_t>(position) > received.size() ||
+      static_cast<size_t>(length) > received.size() - static_cast<size_t>(position)) {
     return false;
   }
-  *chunk = {reinterpret_cast<const uint8_t*>(text) + position, static_cast<size_t>(length)};
+  *chunk = received.subspan(static_cast<size_t>(position), static_cast<size_t>(length));
   return true;
 }

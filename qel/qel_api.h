@@ -23,12 +23,14 @@ struct qel_conf_transfer {
 };
 extern qel_conf_transfer g_qel_conf;
 
-// Start-up clean-up: deletes archives left by an earlier run and zeroes the state.
+// Start-up clean-up: deletes archives left by an earlier run, whatever stands under their names,
+// finishes a restore that an earlier process began (files, flash, restart of the switch), sweeps
+// the folder of the configuration files, and zeroes the state.
 void qel_api_conf_init();
 
-// Packs all configuration files and loads the archive. Returns 0 when loaded, or when packing
-// failed (then nothing is loaded and answers say so); -1 when the archive cannot be opened or
-// memory is short; 1 when it could not be read whole (then nothing is loaded).
+// Sweeps the folder, packs all configuration files and loads the archive. Returns 0 when loaded, or
+// when packing failed (then nothing is loaded and answers say so); -1 when the archive cannot be
+// opened or memory is short; 1 when it could not be read whole (then nothing is loaded).
 int qel_api_conf_pack();
 
 // Copies chunk `index` into `destination` (kChunkSize bytes) and tells its length and whether more
@@ -60,12 +62,17 @@ int qel_api_download_conf_check(uint32_t crc);
 // Closes the output file and frees the buffer.
 void qel_api_download_reset();
 
-// Replaces the configuration files by the archive's, stores them in flash and restarts the switch,
-// when `flag` is not 0.
+// Unpacks the archive that was received and looks at it, see qel_confdir_unpack. Returns false
+// (logged, and nothing of it is left) when it must not be applied.
+bool qel_api_download_unpack();
+
+// Replaces the configuration files by those that qel_api_download_unpack accepted, stores them in
+// flash and restarts the switch, when `flag` is not 0. Without accepted files the present ones and
+// the flash stay as they are; the restart comes all the same.
 void qel_api_update_down_config(int flag);
 
-// The `length` bytes of a chunk at `position` counted from a message text, bound by what a frame
-// can hold behind it. Returns false when they are not inside, or either figure is negative. A chunk
-// without bytes is inside wherever it stands.
-bool qel_api_chunk(const char* text, int32_t position, int32_t length,
+// The `length` bytes of a chunk at `position`, counted from a message text of which `received`
+// bytes arrived. Returns false when they are not all inside, or either figure is negative. Over UDP
+// the position is always negative.
+bool qel_api_chunk(std::span<const uint8_t> received, int32_t position, int32_t length,
                    std::span<const uint8_t>* chunk);

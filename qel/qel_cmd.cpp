@@ -66,7 +66,7 @@ void run_rows(std::span<const command_row> rows, const char* subcmd, qel_link* l
 
 }  // namespace
 
-int qel_cmd_dispatch(qel_link* link, const char* text, uint16_t lenfield) {
+int qel_cmd_dispatch(qel_link* link, const char* text, uint16_t lenfield, size_t received) {
   const qel_cjson_tree root(cJSON_Parse(text));
   const char* cmd = cJSON_GetObjectItemString(root.get(), "cmd");
   if (cmd == nullptr) {
@@ -82,9 +82,9 @@ int qel_cmd_dispatch(qel_link* link, const char* text, uint16_t lenfield) {
   }
   // The two downloads come before the tables and whatever "cmd" says.
   if (std::strcmp(subcmd, "config_download") == 0) {
-    qel_cmd_handle_conf_download(link, root.get(), text, lenfield);
+    qel_cmd_handle_conf_download(link, root.get(), text, lenfield, received);
   } else if (std::strcmp(subcmd, "firm_download") == 0) {
-    qel_cmd_handle_firm_download(link, root.get(), text, lenfield);
+    qel_cmd_handle_firm_download(link, root.get(), text, lenfield, received);
   } else {
     const std::span<const command_row> all(kCommands);
     run_rows(is_query(cmd) ? all.first(kQueryRows) : all.subspan(kQueryRows), subcmd, link,

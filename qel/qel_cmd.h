@@ -5,15 +5,17 @@
 // qel_cmd_firmware and, for the typed message form, qel_cmd_typed.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "qel/qel_cjson.h"
 #include "qel/qel_link.h"
 
 // Handles one message. `text` is NUL-terminated; for Ethernet it stands in an area of
-// kTextReadSize + 1 bytes, which the download handlers read behind the text. `lenfield` is the
-// frame header's length field, 0 for UDP. Returns 0 always; what is no message is dropped silently.
-int qel_cmd_dispatch(qel_link* link, const char* text, uint16_t lenfield);
+// kTextReadSize + 1 bytes. `lenfield` is the frame header's length field, 0 for UDP. `received` is
+// the number of bytes at `text` that arrived: a chunk lies inside them. A message without chunk may
+// leave it 0. Returns 0 always; what is no message is dropped silently.
+int qel_cmd_dispatch(qel_link* link, const char* text, uint16_t lenfield, size_t received = 0);
 
 // A handler: the reply address, the parsed root (the dispatcher's; not kept), the message text.
 // The result is ignored by the dispatcher.
@@ -55,14 +57,15 @@ int qel_cmd_handle_config_reset(qel_link* link, const cJSON* root, const char* t
 int qel_sys_active(qel_link* link, const cJSON* root, const char* text);
 int qel_cmd_handle_name(qel_link* link, const cJSON* root, const char* text);
 
-// Transfers (qel_cmd_conf, qel_cmd_firmware). The download handlers take the frame's length field:
-// the chunk's bytes begin at that value minus 16, counted from the text.
+// Transfers (qel_cmd_conf, qel_cmd_firmware). A "data" that is no object counts as absent. The
+// download handlers take the frame's length field, and how many bytes of the message arrived: the
+// chunk's bytes begin at the length field minus 16, counted from the text.
 int qel_cmd_handle_conf_get(qel_link* link, const cJSON* root, const char* text);
 int qel_cmd_handle_hfs_upgrade(qel_link* link, const cJSON* root, const char* text);
 int qel_cmd_handle_conf_download(qel_link* link, const cJSON* root, const char* text,
-                                 uint16_t lenfield);
+                                 uint16_t lenfield, size_t received);
 int qel_cmd_handle_firm_download(qel_link* link, const cJSON* root, const char* text,
-                                 uint16_t lenfield);
+                                 uint16_t lenfield, size_t received);
 // An older chunk handler; no table row reaches it. `area` is the number of bytes readable at text.
 int qel_cmd_handle_upgrade(qel_link* link, const cJSON* root, const char* text, size_t area);
 

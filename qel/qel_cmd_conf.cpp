@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Handlers of the configuration transfer: the archive out, chunk by chunk, and one in.
+#include "platform/log.h"
 #include "protocol/gateway_protocol.h"
 #include "qel/qel_api.h"
 #include "qel/qel_cmd.h"
@@ -49,10 +50,24 @@ int32_t next_index(const download_request& request) {
   return request.next != 0 ? static_cast<int32_t>(static_cast<uint32_t>(request.index) + 1) : 0;
 }
 
+// Ends a download whose last chunk was stored and returns the state of its answer: what was
+// received is unpacked and looked at before the gateway is told that it will be applied.
+int32_t end_download(uint32_t crc) {
+  const bool empty = g_qel_conf.download_length == 0;
+  // A mismatch is only logged: an archive that can be unpacked is applied all the same.
+  qel_api_download_conf_check(crc);
+  if (empty) {
+    zlog_err("configuration archive refused: it has no bytes");
+    return kStateFailed;
+  }
+  return qel_api_download_unpack() ? kStateApplying : kStateFailed;
+}
+
 // Stores the chunk and returns the state of its answer.
-int32_t store_chunk(const download_request& request, const char* text, int32_t position) {
+int32_t store_chunk(const download_request& request, std::span<const uint8_t> received,
+                    int32_t position) {
   std::span<const uint8_t> chunk;
-  if (!qel_api_chunk(text, position, request.length, &chunk)) {
+  if (!qel_api_chunk(received, position, request.length, &chunk)) {
     qel_api_download_reset();
     return kStateFailed;
   }
@@ -67,9 +82,13 @@ int32_t store_chunk(const download_request& request, const char* text, int32_t p
       request.next != 0) {
     return kStateStored;
   }
-  // A mismatch is only logged: the archive is applied all the same.
-  qel_api_download_conf_check(request.crc);
-  return kStateApplying;
+  // Without an open file nothing was stored: the answers stay those of a download, and the
+  // configuration stays as it is.
+  if (g_qel_conf.download_file == nullptr) {
+    qel_api_download_conf_check(request.crc);
+    return kStateApplying;
+  }
+  return end_download(request.crc);
 }
 
 // The position is told before anything is checked, so the bytes are looked at only where they are.
@@ -85,7 +104,7 @@ void trace_offset(const char* function, unsigned line, const char* text, int32_t
 
 int qel_cmd_handle_conf_get(qel_link* link, const cJSON* root, const char* /*text*/) {
   const cJSON* data = cJSON_GetObjectItem(root, "data");
-  if (data == nullptr) {
+  if (cJSON_IsObject(data) == 0) {
     return 0;
   }
   const int32_t index = cJSON_GetObjectItemInt(data, "index");
@@ -108,18 +127,19 @@ int qel_cmd_handle_conf_get(qel_link* link, const cJSON* root, const char* /*tex
 }
 
 int qel_cmd_handle_conf_download(qel_link* link, const cJSON* root, const char* text,
-                                 uint16_t lenfield) {
+                                 uint16_t lenfield, size_t received) {
   const int32_t position = lenfield - static_cast<int32_t>(proto::kHeaderSize);
   trace_offset(__func__, __LINE__, text, position);
   const cJSON* data = cJSON_GetObjectItem(root, "data");
-  if (data == nullptr) {
+  if (cJSON_IsObject(data) == 0) {
     return 0;
   }
   const download_request request = read_request(data);
   if (static_cast<uint32_t>(request.total_length) >= kLargeTotal) {
     qel_console("[%s,%d] total_length[%d] \n", __func__, __LINE__, request.total_length);
   }
-  const int32_t state = store_chunk(request, text, position);
+  const int32_t state =
+      store_chunk(request, {reinterpret_cast<const uint8_t*>(text), received}, position);
   static qel_text_area<kQelMessageSize> area;
   qel_text& answer = area.begin();
   qel_json_conf_download(answer, next_index(request), request.file, state);

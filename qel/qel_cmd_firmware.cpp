@@ -12,7 +12,6 @@
 #include "qel/qel_console.h"
 #include "qel/qel_json.h"
 #include "qel/qel_send.h"
-#include "qel/qel_shell.h"
 #include "qel/qel_upgrade.h"
 
 namespace proto = qel_protocol;
@@ -26,23 +25,13 @@ constexpr int32_t kStateAccepted = 2;
 constexpr int32_t kStateComplete = 3;
 
 constexpr size_t kCommandSize = 256;
+constexpr int kUpgradeFetching = 2;  // the platform's upgrade state while an image is fetched
 
 void answer(const qel_link* link, int32_t index, const char* file, int32_t state) {
   static qel_text_area<kQelMessageSize> area;
   qel_text& text = area.begin();
   qel_json_firm_download(text, index, file, state);
   qel_cmd_send_text(link, text);
-}
-
-// The chunk's part of the work: what qel_upgrade_append returned. Bytes that are not inside the
-// frame are not appended and do not count.
-int append_chunk(const qel_link* link, const cJSON* data, const char* text, int32_t position,
-                 int32_t index) {
-  std::span<const uint8_t> chunk;
-  if (!qel_api_chunk(text, position, cJSON_GetObjectItemInt(data, "length"), &chunk)) {
-    return -1;
-  }
-  return qel_upgrade_append(link, chunk, index);
 }
 
 // A location stands in a shell command, unquoted: nothing passes that a shell could misread.
@@ -53,7 +42,7 @@ bool location_is_safe(const char* location) {
          location[std::strspn(location, kAllowed)] == '\0';
 }
 
-// Fetches the image and starts the upgrade program. Returns false when the location is refused.
+// Starts to fetch the image, see qel_upgrade_fetch. Returns false when the location is refused.
 bool fetch_and_upgrade(const char* location) {
   char area[kCommandSize] = {};
   qel_text command(area, sizeof area);
@@ -62,26 +51,28 @@ bool fetch_and_upgrade(const char* location) {
   if (!location_is_safe(location) || command.overflowed()) {
     return false;
   }
-  sys_upgrade_state_set(2, 0);
-  qel_shell_run(command.c_str());
-  qel_shell_run("cp -fpR /morva/bin/morva_upgrade /tmp");
-  qel_shell_run("/tmp/morva_upgrade /tmp/linux.trx&");
+  qel_upgrade_fetch(command.c_str());
   return true;
 }
 
 }  // namespace
 
 int qel_cmd_handle_firm_download(qel_link* link, const cJSON* root, const char* text,
-                                 uint16_t lenfield) {
+                                 uint16_t lenfield, size_t received) {
   const int32_t position = lenfield - static_cast<int32_t>(proto::kHeaderSize);
   const cJSON* data = cJSON_GetObjectItem(root, "data");
-  if (data == nullptr) {
+  if (cJSON_IsObject(data) == 0) {
     return 0;
   }
   const int32_t index = cJSON_GetObjectItemInt(data, "index");
   const bool more = cJSON_GetObjectItemInt(data, "next") != 0;
   const char* file = cJSON_GetObjectItemString(data, "file");
-  if (index == 0 && qel_upgrade_init(link, cJSON_GetObjectItemInt(data, "total_length")) != 0) {
+  // Bytes that did not arrive are not appended and do not count; as chunk 0 they begin nothing.
+  std::span<const uint8_t> chunk;
+  const bool arrived = qel_api_chunk({reinterpret_cast<const uint8_t*>(text), received}, position,
+                                     cJSON_GetObjectItemInt(data, "length"), &chunk);
+  if (index == 0 && arrived &&
+      qel_upgrade_init(link, cJSON_GetObjectItemInt(data, "total_length")) != 0) {
     qel_console("%s device upgrading \r\n", __func__);
     answer(link, 0, file, kStateUpgrading);
     return 0;
@@ -93,7 +84,7 @@ int qel_cmd_handle_firm_download(qel_link* link, const cJSON* root, const char* 
   qel_upgrade_overtime_clear();
   // An overrun leaves the state at "accepted" while more is to come.
   int32_t state = kStateAccepted;
-  if (append_chunk(link, data, text, position, index) == 1) {
+  if (arrived && qel_upgrade_append(link, chunk, index) == 1) {
     state = kStateComplete;
   } else if (!more) {
     state = kStateIncomplete;
@@ -110,6 +101,9 @@ int qel_cmd_handle_hfs_upgrade(qel_link* /*link*/, const cJSON* root, const char
   int state = 0;
   int detail = 0;
   sys_upgrade_state_get(&state, &detail);
+  if (state == 0 && qel_upgrade_is_fetching()) {
+    state = kUpgradeFetching;
+  }
   if (state != 0) {
     qel_console("Current upgrade state[%d] \n", state);
     return 0;

@@ -11,6 +11,7 @@
 #include "qel/qel_json.h"
 #include "qel/qel_mono.h"
 #include "qel/qel_netif.h"
+#include "qel/qel_restart.h"
 #include "qel/qel_send.h"
 #include "qel/qel_shell.h"
 #include "qel/qel_table.h"
@@ -134,13 +135,13 @@ int qel_cmd_handle_sys_time(qel_link* link, const cJSON* root, const char* /*tex
 }
 
 int qel_cmd_handle_sys_reboot(qel_link* /*link*/, const cJSON* /*root*/, const char* /*text*/) {
-  sys_reboot();
+  qel_restart_order();
   return 0;
 }
 
 int qel_cmd_handle_config_reset(qel_link* /*link*/, const cJSON* /*root*/, const char* /*text*/) {
   sys_restore_default();
-  sys_reboot();
+  qel_restart_order();
   return 0;
 }
 

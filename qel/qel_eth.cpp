@@ -15,6 +15,7 @@
 #include "qel/qel_main.h"
 #include "qel/qel_netif.h"
 #include "qel/qel_os.h"
+#include "qel/qel_restart.h"
 #include "qel/qel_table.h"
 
 namespace proto = qel_protocol;
@@ -64,6 +65,9 @@ int qel_eth_open() {
 int qel_eth_read(struct thread* thread) {
   static uint8_t buffer[kReceiveSize];
   const int fd = thread->fd;
+  if (qel_restart_ordered()) {
+    return 0;
+  }
   qel_link link = {};
   link.kind = kQelLinkEth;
   struct sockaddr_ll from = {};
@@ -84,7 +88,8 @@ int qel_eth_parse(qel_link* link, std::span<const uint8_t> frame) {
   sys_mac_get(system_mac);
   // One byte more than is looked at, so that the text always ends.
   uint8_t local[proto::kFrameReadSize + 1] = {};
-  std::memcpy(local, frame.data(), std::min(frame.size(), proto::kFrameReadSize));
+  const size_t size = std::min(frame.size(), proto::kFrameReadSize);
+  std::memcpy(local, frame.data(), size);
   if (read_be16(local + proto::kOffsetEthertype) != proto::kEthertypeToSwitch) {
     return -1;
   }
@@ -104,7 +109,8 @@ int qel_eth_parse(qel_link* link, std::span<const uint8_t> frame) {
   if (qel_debug(kDebugFrame)) {
     qel_console("gwmac[%s] data=%s  \r\n", mac2str(link->gw_mac), text);
   }
-  qel_cmd_dispatch(link, text, read_be16(local + proto::kOffsetLength));
+  const size_t received = size - std::min(size, proto::kOffsetMessage);
+  qel_cmd_dispatch(link, text, read_be16(local + proto::kOffsetLength), received);
   return 0;
 }
 

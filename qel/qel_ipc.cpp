@@ -15,6 +15,7 @@
 #include "qel/qel_gw.h"
 #include "qel/qel_main.h"
 #include "qel/qel_os.h"
+#include "qel/qel_restart.h"
 #include "qel/qel_shell.h"
 #include "qel/qel_table.h"
 
@@ -108,6 +109,9 @@ int qel_ipc_sock_read(struct thread* thread) {
   // One byte more than is received, so that the text always ends.
   static char buffer[kDatagramSize + 1];
   const int fd = thread->fd;
+  if (qel_restart_ordered()) {
+    return 0;
+  }
   const ssize_t received = qel_os_recvfrom(fd, buffer, kDatagramSize, nullptr, nullptr);
   if (received > 0) {
     buffer[received] = '\0';

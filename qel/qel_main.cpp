@@ -23,7 +23,9 @@
 #include "qel/qel_ipc.h"
 #include "qel/qel_os.h"
 #include "qel/qel_req.h"
+#include "qel/qel_restart.h"
 #include "qel/qel_table.h"
+#include "qel/qel_upgrade.h"
 #include "qel/qel_vty.h"
 
 namespace {
@@ -205,6 +207,9 @@ void qel_terminate() {
 int qel_read(struct thread* thread) {
   auto* client = static_cast<struct uclient*>(thread->arg);
   const int fd = thread->fd;
+  if (qel_restart_ordered()) {
+    return 0;
+  }
   if (uclient_handle_async(client, fd) < 0) {
     qel_os_close(fd);
     return 0;
@@ -215,6 +220,9 @@ int qel_read(struct thread* thread) {
 
 int qel_serv(struct thread* thread) {
   auto* client = static_cast<struct uclient*>(thread->arg);
+  if (qel_restart_ordered()) {
+    return 0;
+  }
   register_serv(client);
   struct sockaddr_in address = {};
   socklen_t length = sizeof address;
@@ -228,9 +236,14 @@ int qel_serv(struct thread* thread) {
 }
 
 int qel_timer_second(struct thread* /*thread*/) {
-  qel_gw_timer();
-  expire_archive();
-  count_down_active();
+  if (qel_restart_ordered()) {
+    qel_restart_tick();
+  } else {
+    qel_gw_timer();
+    expire_archive();
+    count_down_active();
+    qel_upgrade_fetch_tick();
+  }
   register_timer();
   return 0;
 }

@@ -3,10 +3,13 @@
 // The operating system behind qel_os.h, on any POSIX system with Linux interface requests.
 #include "qel/qel_os.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysinfo.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -134,6 +137,57 @@ int qel_os_unlink(const char* path) {
   return unlink(path);
 }
 
+int qel_os_rename(const char* from, const char* to) {
+  return rename(from, to);
+}
+
+int qel_os_rmdir(const char* path) {
+  return rmdir(path);
+}
+
+int qel_os_mkdir(const char* path, unsigned mode) {
+  // The process's mask takes bits away, so they are set again.
+  if (mkdir(path, static_cast<mode_t>(mode)) != 0) {
+    return -1;
+  }
+  return chmod(path, static_cast<mode_t>(mode));
+}
+
+int qel_os_lstat(const char* path, qel_os_entry* entry) {
+  struct stat info = {};
+  if (lstat(path, &info) != 0) {
+    return -1;
+  }
+  *entry = {.mode = static_cast<uint32_t>(info.st_mode),
+            .links = static_cast<uint32_t>(info.st_nlink),
+            .size = static_cast<int64_t>(info.st_size)};
+  return 0;
+}
+
+int qel_os_list(const char* path, qel_os_visit visit, void* context) {
+  const int fd = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  DIR* folder = fd >= 0 ? fdopendir(fd) : nullptr;
+  if (folder == nullptr) {
+    if (fd >= 0) {
+      close(fd);
+    }
+    return -1;
+  }
+  errno = 0;
+  for (const dirent* each = readdir(folder); each != nullptr; each = readdir(folder)) {
+    const bool own = std::strcmp(each->d_name, ".") == 0 || std::strcmp(each->d_name, "..") == 0;
+    if (!own && !visit(each->d_name, context)) {
+      errno = 0;
+      break;
+    }
+    errno = 0;
+  }
+  const int error = errno;
+  closedir(folder);
+  errno = error;
+  return error == 0 ? 0 : -1;
+}
+
 int64_t qel_os_time() {
   return static_cast<int64_t>(std::time(nullptr));
 }
@@ -164,6 +218,54 @@ void qel_os_umask(unsigned mask) {
 
 int qel_os_system(const char* command) {
   return std::system(command);
+}
+
+int qel_os_job_start(const char* command, qel_os_job* job) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) {
+    return -1;
+  }
+  const pid_t pid = fork();
+  if (pid == 0) {
+    // The command inherits the writing end: the reading end is at its end when nothing of it runs.
+    setpgid(0, 0);
+    const int null = open("/dev/null", O_RDONLY);
+    dup2(null, STDIN_FILENO);
+    fcntl(ends[1], F_SETFD, 0);
+    execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(ends[1]);
+  if (pid < 0) {
+    close(ends[0]);
+    return -1;
+  }
+  setpgid(pid, pid);  // here as well: whoever comes first does
+  *job = {.pid = static_cast<int>(pid), .end = ends[0]};
+  return 0;
+}
+
+void qel_os_job_kill(const qel_os_job* job) {
+  if (job->pid > 0) {
+    kill(-job->pid, SIGKILL);
+  }
+}
+
+int qel_os_job_end(qel_os_job* job) {
+  if (job->pid <= 0) {
+    return -1;
+  }
+  int status = -1;
+  pid_t ended = waitpid(job->pid, &status, WNOHANG);
+  if (ended == 0) {
+    qel_os_job_kill(job);
+  }
+  while (ended == 0 || (ended < 0 && errno == EINTR)) {
+    ended = waitpid(job->pid, &status, 0);
+  }
+  close(job->end);
+  *job = {};
+  return ended > 0 ? status : -1;
 }
 
 void qel_os_exit(int status) {

@@ -48,6 +48,28 @@ int qel_os_ifreq(int fd, unsigned long request, struct ifreq* interface_request)
 std::FILE* qel_os_fopen(const char* path, const char* mode);
 int qel_os_unlink(const char* path);
 
+// rename(2), rmdir(2), mkdir(2) with exactly the permissions `mode`. Return 0, or -1 with errno
+// set.
+int qel_os_rename(const char* from, const char* to);
+int qel_os_rmdir(const char* path);
+int qel_os_mkdir(const char* path, unsigned mode);
+
+// What stands under a name.
+struct qel_os_entry {
+  uint32_t mode;   // type and permissions, as st_mode of stat(2)
+  uint32_t links;  // names of the file
+  int64_t size;    // bytes
+};
+
+// lstat(2): the entry itself, never what a link leads to. Returns 0, or -1 with errno set.
+int qel_os_lstat(const char* path, qel_os_entry* entry);
+
+// Calls `visit` with each name in the folder `path`, but "." and "..", in no order, until it
+// returns false. A last component that is a link is not followed. Names that are removed or added
+// meanwhile may be visited or not. Returns 0, or -1 with errno set when the folder cannot be read.
+using qel_os_visit = bool (*)(const char* name, void* context);
+int qel_os_list(const char* path, qel_os_visit visit, void* context);
+
 // time(2): seconds since the epoch.
 int64_t qel_os_time();
 
@@ -67,6 +89,23 @@ void qel_os_umask(unsigned mask);
 
 // system(3). Every shell command of the agent passes here. Returns the wait status, or -1.
 int qel_os_system(const char* command);
+
+// A shell command that runs beside the loop.
+struct qel_os_job {
+  int pid;  // 0: none; the leader of a process group of its own
+  int end;  // descriptor that becomes readable, at its end, when the command has ended
+};
+
+// Starts `command` by the shell, with nothing to read on its standard input. Returns 0, or -1 with
+// errno set (then nothing runs and `job` is as it was). The caller ends the job by qel_os_job_end.
+int qel_os_job_start(const char* command, qel_os_job* job);
+
+// Kills what runs of a job; `end` then becomes readable.
+void qel_os_job_kill(const qel_os_job* job);
+
+// Ends a job: kills what still runs of it, waits for the shell, and closes `end`. Returns the wait
+// status of the shell, or -1.
+int qel_os_job_end(qel_os_job* job);
 
 // exit(3).
 [[noreturn]] void qel_os_exit(int status);

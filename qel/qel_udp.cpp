@@ -12,6 +12,7 @@
 #include "qel/qel_console.h"
 #include "qel/qel_main.h"
 #include "qel/qel_os.h"
+#include "qel/qel_restart.h"
 #include "qel/qel_table.h"
 
 namespace proto = qel_protocol;
@@ -72,6 +73,9 @@ int qel_udp_read(struct thread* thread) {
   // One byte more than is received, so that the text always ends.
   static char buffer[kReceiveSize + 1];
   const int fd = thread->fd;
+  if (qel_restart_ordered()) {
+    return 0;
+  }
   qel_link link = {};
   link.kind = kQelLinkUdp;
   link.addrlen = kQelUdpAddrlen;
@@ -81,7 +85,7 @@ int qel_udp_read(struct thread* thread) {
     buffer[received] = '\0';
     link.addrlen = length;
     link.fd = fd;
-    qel_cmd_dispatch(&link, buffer, 0);
+    qel_cmd_dispatch(&link, buffer, 0, static_cast<size_t>(received));
     if (qel_debug(kDebugUdp)) {
       trace(link, received, buffer);
     }

@@ -1,10 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "qel/qel_upgrade.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
 #include "platform/firmware.h"
+#include "platform/log.h"
 #include "platform/sys.h"
 #include "qel/qel_console.h"
+#include "qel/qel_main.h"
 #include "qel/qel_os.h"
+#include "qel/qel_restart.h"
+#include "qel/qel_shell.h"
 
 namespace {
 
@@ -36,12 +45,39 @@ int fail() {
   return -1;
 }
 
+constexpr char kSource[] = "qel/qel_upgrade";
+constexpr int kStateIdle = 0;
+constexpr int kStateFetching = 2;
+constexpr uint32_t kFetchPatience = 1800;  // seconds that a server may take for an image
+
+// Whether the image file is exactly what was appended to it: a regular file of that many bytes.
+bool file_holds(int32_t bytes) {
+  qel_os_entry entry = {};
+  return qel_os_lstat(kQelFirmwarePath, &entry) == 0 && S_ISREG(entry.mode) && entry.size == bytes;
+}
+
+// The image is complete; it is handed on once.
+int complete(qel_upgrade_state* state) {
+  if (state->has_data == 0 || !file_holds(state->total)) {
+    state->failed = 1;
+    return fail();
+  }
+  state->begun = 0;
+  return 1;
+}
+
+void register_fetched() {
+  funcname_thread_add_read(g_qel_master, qel_upgrade_fetched, nullptr, g_qel_upgrade_fetch.job.end,
+                           "qel_upgrade_fetched", kSource, __LINE__);
+}
+
 }  // namespace
 
 qel_upgrade_state g_qel_upgrade;
+qel_upgrade_fetch_state g_qel_upgrade_fetch;
 
 int qel_upgrade_init(const qel_link* link, int32_t total) {
-  if (sys_is_upgrading() != 0) {
+  if (sys_is_upgrading() != 0 || qel_upgrade_is_fetching()) {
     return -1;
   }
   qel_os_unlink(kQelFirmwarePath);
@@ -49,6 +85,7 @@ int qel_upgrade_init(const qel_link* link, int32_t total) {
   g_qel_upgrade = qel_upgrade_state{};
   g_qel_upgrade.total = total;
   g_qel_upgrade.peer = *link;
+  g_qel_upgrade.begun = 1;
   if (qel_debug(kDebugFrame)) {
     qel_console("[%s,%d] totalsize[%d]\r\n", __func__, __LINE__, total);
   }
@@ -58,6 +95,9 @@ int qel_upgrade_init(const qel_link* link, int32_t total) {
 
 int qel_upgrade_append(const qel_link* /*link*/, std::span<const uint8_t> bytes, int32_t index) {
   qel_upgrade_state& state = g_qel_upgrade;
+  if (state.begun == 0) {
+    return -1;
+  }
   // The first index is 0, as is the state's: a repeated chunk 0 is appended again.
   if (state.last_index != 0 && state.last_index >= index) {
     return 0;
@@ -80,7 +120,7 @@ int qel_upgrade_append(const qel_link* /*link*/, std::span<const uint8_t> bytes,
     state.overtime_count = 0;
   }
   if (state.received == state.total) {
-    return 1;
+    return complete(&state);
   }
   return state.received <= state.total ? 0 : fail();
 }
@@ -94,6 +134,46 @@ void qel_upgrade_overtime_clear() {
 void qel_upgrade_reset() {
   qel_os_unlink(kQelFirmwarePath);
   g_qel_upgrade = qel_upgrade_state{};
+}
+
+int qel_upgrade_fetch(const char* command) {
+  qel_upgrade_reset();
+  sys_upgrade_state_set(kStateFetching, 0);
+  g_qel_upgrade_fetch = {};
+  if (qel_os_job_start(command, &g_qel_upgrade_fetch.job) != 0) {
+    zlog_err("firmware not fetched: %s", std::strerror(errno));
+    sys_upgrade_state_set(kStateIdle, kFailTransfer);
+    return -1;
+  }
+  register_fetched();
+  return 0;
+}
+
+bool qel_upgrade_is_fetching() {
+  return g_qel_upgrade_fetch.job.pid != 0;
+}
+
+void qel_upgrade_fetch_tick() {
+  // Its end is heard like any other.
+  if (qel_upgrade_is_fetching() && ++g_qel_upgrade_fetch.seconds == kFetchPatience) {
+    qel_os_job_kill(&g_qel_upgrade_fetch.job);
+  }
+}
+
+int qel_upgrade_fetched(struct thread* /*thread*/) {
+  if (qel_restart_ordered() || !qel_upgrade_is_fetching()) {
+    return 0;
+  }
+  const int status = qel_os_job_end(&g_qel_upgrade_fetch.job);
+  if (status != 0) {
+    // Idle, with the figure as detail: a failure must not keep the next upgrade away.
+    zlog_err("firmware not fetched: the command ended with wait status %d", status);
+    sys_upgrade_state_set(kStateIdle, kFailTransfer);
+    return 0;
+  }
+  qel_shell_run("cp -fpR /morva/bin/morva_upgrade /tmp");
+  qel_shell_run("/tmp/morva_upgrade /tmp/linux.trx&");
+  return 0;
 }
 
 int qel_upgrade_overtime_reqest_timer() {

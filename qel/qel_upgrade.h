@@ -7,7 +7,9 @@
 #include <cstdint>
 #include <span>
 
+#include "platform/loop.h"
 #include "qel/qel_link.h"
+#include "qel/qel_os.h"
 
 inline constexpr char kQelFirmwarePath[] = "/tmp/linux.trx";
 
@@ -23,15 +25,25 @@ struct qel_upgrade_state {
   int32_t last_index;  // of the last accepted chunk
   qel_link peer;       // who sends, kept for a later re-request
   uint32_t failed;     // 1 once bytes could not be stored: the image can no longer be whole
+  uint32_t begun;  // 1 from chunk 0 on until the image was handed on: every byte is this process's
 };
 extern qel_upgrade_state g_qel_upgrade;
 
+// The fetch from a server that runs beside the loop; zero while there is none.
+struct qel_upgrade_fetch_state {
+  qel_os_job job;
+  uint32_t seconds;  // since its start, as the one-second timer counts them
+};
+extern qel_upgrade_fetch_state g_qel_upgrade_fetch;
+
 // Begins a download of `total` bytes from the peer of `link`. Returns 0, or -1 when the platform
-// says that an upgrade is running.
+// says that an upgrade is running, or an image is being fetched.
 int qel_upgrade_init(const qel_link* link, int32_t total);
 
-// Accepts one chunk. Returns 0 (accepted or ignored as repeated, more expected), 1 (image complete)
-// or -1 (more bytes than announced, or bytes that could not be stored).
+// Accepts one chunk. Returns 0 (accepted or ignored as repeated, more expected), 1 (image complete:
+// this process stored every byte of it, from chunk 0 on, and the file holds them; the caller hands
+// it on) or -1 (no download was begun, more bytes than announced, or bytes that could not be
+// stored).
 int qel_upgrade_append(const qel_link* link, std::span<const uint8_t> bytes, int32_t index);
 
 // Zeroes the over-time counters.
@@ -39,6 +51,21 @@ void qel_upgrade_overtime_clear();
 
 // Deletes the image file and zeroes the state.
 void qel_upgrade_reset();
+
+// Fetches the image that `command` writes to kQelFirmwarePath, beside the loop, and starts the
+// upgrade program when the command ended well; otherwise the upgrade state becomes idle and a log
+// line says so. A pushed download that was begun is over. Returns 0, or -1 when the command cannot
+// be started. The caller has asked qel_upgrade_is_fetching.
+int qel_upgrade_fetch(const char* command);
+
+// Whether a fetch runs; there is one at a time.
+bool qel_upgrade_is_fetching();
+
+// Ends a fetch that has run for half an hour. Called by the one-second timer.
+void qel_upgrade_fetch_tick();
+
+// Read callback ("qel_upgrade_fetched"): the fetch has ended.
+int qel_upgrade_fetched(struct thread* thread);
 
 // The over-time watch, meant for once a second while a download runs; registered with no timer.
 // Returns 0.

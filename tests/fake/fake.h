@@ -306,8 +306,8 @@ bool is_open(int fd);
 
 // Makes an operating system call fail with `error`, after `skip` calls that work, `times` times.
 // By name: "socket", "setsockopt", "bind", "accept", "sendto", "ifreq", "fopen", "daemon",
-// "system", "unlink"; on one file only: "fopen <path>", "fread <path>", "fwrite <path>",
-// "fseek <path>".
+// "system", "unlink", "rename", "mkdir", "list", "job"; on one file only: "fopen <path>", "fread
+// <path>", "fwrite <path>", "fseek <path>", "unlink <path>", "rename <path>" (the old one).
 void fail_os(const std::string& function, int error, int skip = 0, int times = 1 << 30);
 
 // The next write to the file of that path stores its first `count` bytes only, as on a disk that
@@ -328,8 +328,32 @@ void set_file(const std::string& path, std::string_view bytes);
 std::optional<std::string> file(const std::string& path);
 void remove_file(const std::string& path);
 
-// Shell commands in order; none of them runs. `hook` may do their work on the files; its result is
-// the exit status (0..255), or a negative number for a system() that fails.
+// Other entries than files and files with particulars: a folder (mode 040700), a link (0120777), a
+// FIFO (010600) ... `links` counts its names; `size` other than that of the bytes of set_file is
+// told by lstat only. A folder that holds entries need not be set.
+struct FileEntry {
+  uint32_t mode = 0100640;
+  uint32_t links = 1;
+  std::optional<int64_t> size = {};
+};
+void set_entry(const std::string& path, const FileEntry& entry);
+// All entries at and below `folder`, by path; folders end in '/', links in '@', others in '|'.
+std::vector<std::string> entries(const std::string& folder);
+// Removes the entry and what is below it, as "rm -rf" does.
+void remove_tree(const std::string& path);
+
+// Runs before each call that changes a file or folder (and whenever a hook of on_shell calls
+// file_step itself): the moments between which a process can be killed.
+void on_file_step(std::function<void()> action);
+void file_step();
+
+// The job that runs beside the loop: its command, and its end with a wait status. A test lets it
+// end; it is readable then.
+std::string job_command();  // "" when none runs
+void job_ends(int status);
+
+// Shell commands in order; none of them runs but "rm -rf -- PATH". `hook` may do their work on the
+// files; its result is the exit status (0..255), or a negative number for a system() that fails.
 const std::vector<std::string>& shell_commands();
 void set_shell_status(int status);
 void on_shell(std::function<int(const std::string&)> hook);

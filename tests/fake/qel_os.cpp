@@ -22,6 +22,8 @@ namespace {
 
 constexpr int kFirstDescriptor = 100;  // far from real ones, which nothing here may touch
 constexpr int kEthernetHeader = 14;    // bytes that an MTU does not count
+constexpr int kJobPid = 4321;
+constexpr int kKilled = 9;  // wait status of a process that SIGKILL ended
 
 struct Datagram {
   std::string bytes;
@@ -42,6 +44,9 @@ struct State {
   int opened = 0;  // numbers are not used again, so that one kept too long is noticed
   std::map<std::string, fake::NetInterface> interfaces;
   std::vector<fake::Sent> sent;
+  std::string job;      // the command that runs beside the loop
+  qel_os_job job_ids;   // as it was handed out
+  int job_status = -1;  // with which it ends
 };
 
 State& state() {
@@ -313,6 +318,33 @@ void qel_os_exit(int status) {
   std::exit(status);
 }
 
+int qel_os_job_start(const char* command, qel_os_job* job) {
+  fake::internal::record("job(%s)", command);
+  if (fake::internal::os_fails("job")) {
+    return -1;
+  }
+  state().job = command;
+  *job = {.pid = kJobPid, .end = fake::internal::open_descriptor(AF_UNSPEC)};
+  state().job_ids = *job;
+  return 0;
+}
+
+void qel_os_job_kill(const qel_os_job* job) {
+  fake::internal::record("job_kill(%d)", job->pid);
+  fake::job_ends(kKilled);
+}
+
+int qel_os_job_end(qel_os_job* job) {
+  if (job->pid <= 0) {
+    return -1;
+  }
+  fake::internal::record("job_end(%d)", job->pid);
+  state().descriptors[job->end].open = false;
+  state().job.clear();
+  *job = {};
+  return state().job_status;
+}
+
 namespace fake {
 
 int Sent::family() const {
@@ -381,6 +413,15 @@ void receive_local(int fd, std::string_view bytes) {
 
 void receive_error(int fd, int error) {
   state().descriptors[fd].queue.push_back({"", {}, 0, error});
+}
+
+std::string job_command() {
+  return state().job;
+}
+
+void job_ends(int status) {
+  state().job_status = status;
+  receive_local(state().job_ids.end, "");
 }
 
 void connect_to(int fd) {

@@ -3,7 +3,9 @@
 // The other half of the operating system in unit tests: files in memory by absolute path, the
 // console, the shell that runs nothing, failures on demand, and the capture file.
 #include <sys/socket.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -32,7 +34,9 @@ struct State {
   std::function<int(const std::string&)> shell_hook;
   std::function<void()> write_hook;
   std::map<std::string, Failure> failures;
-  std::map<std::string, size_t> cut_writes;  // bytes of the next write, by path
+  std::map<std::string, size_t> cut_writes;        // bytes of the next write, by path
+  std::map<std::string, fake::FileEntry> entries;  // what is no plain file, by path
+  std::function<void()> step_hook;
 };
 
 State& state() {
@@ -111,6 +115,64 @@ int seek_file(void* cookie, off64_t* offset, int whence) {
   return 0;
 }
 
+bool below(const std::string& path, const std::string& folder) {
+  return path.size() > folder.size() && path.starts_with(folder) && path[folder.size()] == '/';
+}
+
+// All paths that are set.
+std::vector<std::string> paths() {
+  std::vector<std::string> all;
+  for (const auto& [path, bytes] : state().files) {
+    all.push_back(path);
+  }
+  for (const auto& [path, entry] : state().entries) {
+    all.push_back(path);
+  }
+  std::sort(all.begin(), all.end());
+  all.erase(std::unique(all.begin(), all.end()), all.end());
+  return all;
+}
+
+// What stands at `path`; nothing when it does not exist. A folder that holds entries exists.
+std::optional<fake::FileEntry> entry_at(const std::string& path) {
+  if (const auto found = state().entries.find(path); found != state().entries.end()) {
+    return found->second;
+  }
+  if (state().files.contains(path)) {
+    return fake::FileEntry{};
+  }
+  for (const std::string& each : paths()) {
+    if (below(each, path)) {
+      return fake::FileEntry{.mode = 040755};
+    }
+  }
+  return std::nullopt;
+}
+
+bool is_empty(const std::string& folder) {
+  for (const std::string& each : paths()) {
+    if (below(each, folder)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+template <typename Map>
+void move_below(Map& map, const std::string& from, const std::string& to) {
+  Map moved;
+  for (const auto& [path, value] : map) {
+    const bool with = path == from || below(path, from);
+    moved[with ? to + path.substr(from.size()) : path] = value;
+  }
+  map = std::move(moved);
+}
+
+int refused(int error) {
+  errno = error;
+  return -1;
+}
+
 int close_file(void* cookie) {
   auto* const file = static_cast<OpenFile*>(cookie);
   if (file->path == kConsolePath) {
@@ -153,13 +215,112 @@ std::FILE* qel_os_fopen(const char* path, const char* mode) {
 }
 
 int qel_os_unlink(const char* path) {
+  fake::file_step();
   fake::internal::record("unlink(%s)", path);
-  if (fake::internal::os_fails("unlink")) {
+  if (fake::internal::os_fails("unlink") ||
+      fake::internal::os_fails(std::string("unlink ") + path)) {
     return -1;
   }
-  if (state().files.erase(path) == 0) {
-    errno = ENOENT;
+  const std::optional<fake::FileEntry> entry = entry_at(path);
+  if (!entry || S_ISDIR(entry->mode)) {
+    return refused(entry ? EISDIR : ENOENT);
+  }
+  state().files.erase(path);
+  state().entries.erase(path);
+  return 0;
+}
+
+int qel_os_rename(const char* from, const char* to) {
+  fake::file_step();
+  fake::internal::record("rename(%s, %s)", from, to);
+  if (fake::internal::os_fails("rename") ||
+      fake::internal::os_fails(std::string("rename ") + from)) {
     return -1;
+  }
+  const std::optional<fake::FileEntry> old = entry_at(from);
+  const std::optional<fake::FileEntry> present = entry_at(to);
+  if (!old) {
+    return refused(ENOENT);
+  }
+  if (present && S_ISDIR(present->mode) != S_ISDIR(old->mode)) {
+    return refused(S_ISDIR(present->mode) ? EISDIR : ENOTDIR);
+  }
+  if (present && S_ISDIR(present->mode) && !is_empty(to)) {
+    return refused(ENOTEMPTY);
+  }
+  fake::remove_tree(to);
+  if (S_ISDIR(old->mode) && !state().entries.contains(from)) {
+    state().entries[from] = *old;  // a folder without entries is there all the same
+  }
+  move_below(state().files, from, to);
+  move_below(state().entries, from, to);
+  return 0;
+}
+
+int qel_os_rmdir(const char* path) {
+  fake::file_step();
+  fake::internal::record("rmdir(%s)", path);
+  const std::optional<fake::FileEntry> entry = entry_at(path);
+  if (!entry || !S_ISDIR(entry->mode)) {
+    return refused(entry ? ENOTDIR : ENOENT);
+  }
+  if (!is_empty(path)) {
+    return refused(ENOTEMPTY);
+  }
+  state().entries.erase(path);
+  return 0;
+}
+
+int qel_os_mkdir(const char* path, unsigned mode) {
+  fake::file_step();
+  fake::internal::record("mkdir(%s, %o)", path, mode);
+  if (fake::internal::os_fails("mkdir")) {
+    return -1;
+  }
+  if (entry_at(path)) {
+    return refused(EEXIST);
+  }
+  state().entries[path] = fake::FileEntry{.mode = 040000 | mode};
+  return 0;
+}
+
+int qel_os_lstat(const char* path, qel_os_entry* entry) {
+  const std::optional<fake::FileEntry> found = entry_at(path);
+  if (!found) {
+    return refused(ENOENT);
+  }
+  const auto file = state().files.find(path);
+  const size_t bytes = file != state().files.end() ? file->second.size() : 0;
+  *entry = {.mode = found->mode,
+            .links = found->links,
+            .size = found->size.value_or(static_cast<int64_t>(bytes))};
+  return 0;
+}
+
+int qel_os_list(const char* path, qel_os_visit visit, void* context) {
+  std::string folder = path;
+  if (folder.ends_with("/.")) {
+    folder.resize(folder.size() - 2);
+  }
+  if (fake::internal::os_fails("list")) {
+    return -1;
+  }
+  const std::optional<fake::FileEntry> entry = entry_at(folder);
+  if (!entry || !S_ISDIR(entry->mode)) {
+    return refused(entry ? ENOTDIR : ENOENT);
+  }
+  std::vector<std::string> names;
+  for (const std::string& each : paths()) {
+    if (below(each, folder)) {
+      const std::string rest = each.substr(folder.size() + 1);
+      names.push_back(rest.substr(0, rest.find('/')));
+    }
+  }
+  names.erase(std::unique(names.begin(), names.end()), names.end());
+  for (const std::string& name : names) {
+    if (!visit(name.c_str(), context)) {
+      break;
+    }
   }
   return 0;
 }
@@ -177,12 +338,17 @@ ssize_t qel_os_write(int fd, const void* data, size_t length) {
 }
 
 int qel_os_system(const char* command) {
+  constexpr std::string_view kRemove = "rm -rf -- ";
+  fake::file_step();
   fake::internal::record("system(%s)", command);
   state().shell.emplace_back(command);
   if (fake::internal::os_fails("system")) {
     return -1;
   }
   const int status = state().shell_hook ? state().shell_hook(command) : state().shell_status;
+  if (status == 0 && std::string_view(command).starts_with(kRemove)) {
+    fake::remove_tree(command + kRemove.size());
+  }
   // As wait(2) encodes an exit.
   return status < 0 ? -1 : (status & 0xff) << 8;
 }
@@ -227,6 +393,42 @@ std::optional<std::string> file(const std::string& path) {
 
 void remove_file(const std::string& path) {
   state().files.erase(path);
+}
+
+void set_entry(const std::string& path, const FileEntry& entry) {
+  state().entries[path] = entry;
+}
+
+std::vector<std::string> entries(const std::string& folder) {
+  std::vector<std::string> shown;
+  for (const std::string& each : paths()) {
+    if (each == folder || below(each, folder)) {
+      const uint32_t mode = entry_at(each)->mode;
+      shown.push_back(each + (S_ISREG(mode)   ? ""
+                              : S_ISDIR(mode) ? "/"
+                              : S_ISLNK(mode) ? "@"
+                                              : "|"));
+    }
+  }
+  return shown;
+}
+
+void remove_tree(const std::string& path) {
+  const auto gone = [&path](const auto& each) {
+    return each.first == path || below(each.first, path);
+  };
+  std::erase_if(state().files, gone);
+  std::erase_if(state().entries, gone);
+}
+
+void on_file_step(std::function<void()> action) {
+  state().step_hook = std::move(action);
+}
+
+void file_step() {
+  if (state().step_hook) {
+    state().step_hook();
+  }
 }
 
 const std::vector<std::string>& shell_commands() {
@@ -298,6 +500,7 @@ void append_file(const std::string& path, const void* data, size_t length) {
 
 void reset_os_files() {
   state() = State{};
+  state().entries["/var/conf"] = FileEntry{.mode = 040755};
   // user nice system idle iowait irq softirq steal: 700 of 1000 idle.
   state().files["/proc/stat"] = "cpu  100 0 100 700 100 0 0 0 0 0\ncpu0 1 0 1 7 1 0 0 0 0 0\n";
   state().files["/proc/meminfo"] =

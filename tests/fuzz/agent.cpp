@@ -1,15 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/fuzz/agent.h"
 
+#include <sys/socket.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
 #include "qel/qel_alarm.h"
 #include "qel/qel_api.h"
+#include "qel/qel_eth.h"
 #include "qel/qel_gw.h"
+#include "qel/qel_ipc.h"
 #include "qel/qel_main.h"
+#include "qel/qel_restart.h"
 #include "qel/qel_table.h"
+#include "qel/qel_udp.h"
 #include "qel/qel_upgrade.h"
 #include "tests/fake/fake.h"
 
@@ -54,6 +60,28 @@ std::string frame_of(std::string_view text) {
   return frame.append(text);
 }
 
+// An input may order a restart, which ends the service of a real process. Here the same process
+// goes on, so what was not registered again is.
+void serve_again() {
+  if (!qel_restart_ordered()) {
+    return;
+  }
+  g_qel_restart = {};
+  const struct {
+    const char* name;
+    thread_func func;
+    int fd;
+  } readers[] = {{"qel_eth_read", qel_eth_read, g_qel_dev.eth_fd},
+                 {"qel_udp_read", qel_udp_read, g_qel_dev.udp_fd},
+                 {"qel_ipc_sock_read", qel_ipc_sock_read, fake::last_socket(AF_UNIX)}};
+  for (const auto& reader : readers) {
+    if (fake::registered(reader.name) == 0) {
+      funcname_thread_add_read(g_qel_master, reader.func, nullptr, reader.fd, reader.name, "fuzz",
+                               0);
+    }
+  }
+}
+
 }  // namespace
 
 void fuzz_agent_start() {
@@ -79,10 +107,12 @@ void fuzz_agent_start() {
 }
 
 void fuzz_agent_rest() {
+  serve_again();
   qel_api_conf_release();
   qel_api_download_reset();
   g_qel_conf = qel_conf_transfer{};
   g_qel_upgrade = qel_upgrade_state{};
+  g_qel_upgrade_fetch = {};
   g_qel_gw = {};
   g_qel_dev.conf_busy = 0;
   g_qel_dev.sys_active = 0;
@@ -98,6 +128,7 @@ void fuzz_agent_replies(std::string_view text) {
 }
 
 void fuzz_agent_expect_alive() {
+  serve_again();
   fake::clear_records();
   fake::receive_frame(g_qel_dev.eth_fd, frame_of(kProbe));
   fake::run_reads();

@@ -55,6 +55,15 @@ MESSAGES = [
     '{"mac":"gw","cmd":"set","subcmd":"hfs_upgrade","data":{"upgrade_serverinfo":"h/$(reboot) `x`"}}',
     '{"mac":"gw","cmd":"set","subcmd":"hfs_upgrade","data":{"upgrade_serverinfo":"' + "h/" * 200 + '"}}',
     '{"mac":"gw","cmd":"set","subcmd":"sys_time","data":{"timestamp":"-99999999999999999999;x"}}',
+    '{"mac":"gw","cmd":"update","subcmd":"config_download","data":{}}\0',
+    '{"mac":"gw","cmd":"update","subcmd":"config_download","data":[5]}\0',
+    '{"mac":"gw","cmd":"update","subcmd":"config_download","data":{"index":0,"next":0,"length":5,'
+    '"total_length":5}}\0abcd',
+    '{"mac":"gw","cmd":"update","subcmd":"config_download","data":{"index":0,"next":0,"length":4,'
+    '"total_length":4,"file":"f"}}\0abcd',
+    '{"mac":"gw","cmd":"update","subcmd":"firm_download","data":{"index":1,"next":0,"length":0,'
+    '"total_length":0}}\0',
+    '{"mac":"gw","cmd":"update","subcmd":"firm_download","data":"x"}\0',
 ]
 
 EVENTS = [
@@ -91,6 +100,25 @@ MANAGER = [
     b'\xff{"event":"trunk_set","name":"ge1","trunk":2}\n'
     b'{"event":"mirror_get","name":"ge1","mirror":1}\n{}\n',
     b"\xff" + b"x" * 4000,
+]
+
+ARCHIVE = [
+    b"afnvram.conf\nafqel.conf\ncfnvram.conf\ncfold.conf\n",
+    b"af--checkpoint-action=exec=sh e.conf\nafe.conf\n",
+    b"af-x.conf\n",
+    b"add.conf\nafd.conf/inside\n",
+    b"addownlconf.tar.gz\n",
+    b"apgetconf.tar.gz\ncpgetconf.tar.gz\n",
+    b"algetconf.tar.gz\nclgetconf.tar.gz\ncl.installing\n",
+    b"ala.conf\nafa.conf\n",
+    b"ah1.conf\nas2.conf\naz3.conf\nau4.conf\n",
+    b"af../up.conf\naf/etc/passwd\nl \xff\n",
+    b"af_.conf\nl /etc/passwd\n",
+    b"pfa.conf\npfb.conf\ncfc.conf\n",
+    b"plevil.conf\nilevil.conf\nif-x.conf\nifgood.conf\n",
+    b"nfhalf.conf\ncddeep.conf\nclx\nc\xff\x1b[2J\n",
+    b"x\nafa.conf\n",
+    b"",
 ]
 
 VTY = [
@@ -196,6 +224,7 @@ def main():
     write("event", [text.encode() for text in EVENTS])
     write("reply", [text.encode() for text in REPLIES])
     write("manager", MANAGER)
+    write("archive", ARCHIVE)
     write("vty", VTY)
     write("nvram", NVRAM)
     gateway = [b"J" + text.encode() for text in GATEWAY]

@@ -9,7 +9,9 @@
 #include <string_view>
 #include <vector>
 
+#include "qel/qel_restart.h"
 #include "qel/qel_table.h"
+#include "tests/unit/archive.h"
 #include "tests/unit/support.h"
 
 namespace {
@@ -73,6 +75,7 @@ std::vector<std::string> play(const std::vector<std::string>& frames) {
   fake::clear_records();
   for (const std::string& frame : frames) {
     if (is_from_gateway(frame)) {
+      g_qel_restart = {};  // the switch of the sample had restarted by then
       fake::receive_frame(g_qel_dev.eth_fd, frame);
       fake::run_reads();
     }
@@ -244,8 +247,14 @@ TEST_F(TransferReplayTest, EveryChunkIsServedAndTakenAsItWasOnTheWire) {
   const std::string archive = chunks(answers_, "config_upload");
   ASSERT_THAT(archive, SizeIs(2020));
   fake::on_shell([&archive](const std::string& command) {
-    if (command == "cd /var/conf && tar -zcvf getconf.tar.gz *.conf") {
+    if (command == "cd /var/conf && tar -zcvf getconf.tar.gz -- *.conf") {
       fake::set_file("/var/conf/getconf.tar.gz", archive);
+    }
+    if (command == kExpandCommand) {
+      fake::set_file("/var/conf/.incoming/names", "nvram.conf\n");
+    }
+    if (command == kUnpackCommand) {
+      fake::set_file("/var/conf/.incoming/files/nvram.conf", "");
     }
     return 0;
   });

@@ -8,6 +8,7 @@
 
 #include "qel/qel_table.h"
 #include "qel/qel_udp.h"
+#include "qel/qel_upgrade.h"
 #include "tests/unit/support.h"
 
 namespace {
@@ -30,7 +31,7 @@ class DispatchTest : public AgentTest {
   }
 
   void dispatch(const std::string& text, uint16_t length_field = 0) {
-    EXPECT_EQ(qel_cmd_dispatch(&link_, text.c_str(), length_field), 0);
+    EXPECT_EQ(qel_cmd_dispatch(&link_, text.c_str(), length_field, text.size()), 0);
   }
 
   // Everything that was done, as one text: calls with their arguments, then messages sent.
@@ -111,9 +112,16 @@ TEST_P(QueryRow, IsNotReachedByOtherVerbs) {
 }
 
 TEST_P(ActionRow, IsReachedByAnyOtherVerb) {
+  fake::on_shell([](const std::string& command) {
+    if (command.find("getconf.tar.gz -- *.conf") != std::string::npos) {
+      fake::set_file("/var/conf/getconf.tar.gz", "archive");
+    }
+    return 0;
+  });
   for (const char* cmd : {"set", "GET", "Probe", "gets", "", "update"}) {
     fake::clear_records();
     fake::firmware() = {};
+    g_qel_upgrade_fetch = {};
     dispatch(message_of(cmd, GetParam()));
     EXPECT_THAT(deeds(), HasSubstr(GetParam().deed)) << cmd;
   }

@@ -5,7 +5,9 @@
 
 #include "qel/qel_api.h"
 #include "qel/qel_cmd.h"
+#include "qel/qel_restart.h"
 #include "qel/qel_table.h"
+#include "tests/unit/archive.h"
 #include "tests/unit/support.h"
 
 namespace {
@@ -18,9 +20,7 @@ using testing::MatchesRegex;
 using testing::SizeIs;
 
 constexpr char kFile[] = "/var/conf/downlconf.tar.gz";
-constexpr char kUnpack[] = "cd /var/conf && rm *.conf && tar -zxvf downlconf.tar.gz";
-constexpr char kRemove[] = "rm /var/conf/downlconf.tar.gz";
-constexpr char kFlash[] = "/morva/bin/conf flash";
+constexpr char kTidy[] = "rm -rf -- /var/conf/.removed";
 
 struct Chunk {
   int index = 0;
@@ -46,7 +46,10 @@ std::string answer(int state, int index) {
 
 class ConfDownloadTest : public AgentTest {
  protected:
-  ConfDownloadTest() { start(); }
+  ConfDownloadTest() {
+    start();
+    archive_gives({.members = {{"new.conf"}}, .at_start = [this] { received_ = stored(); }});
+  }
 
   // The chunk arrives as a sender places it: text, NUL, bytes; length field text length + 17.
   void push(const Chunk& chunk) {
@@ -56,17 +59,23 @@ class ConfDownloadTest : public AgentTest {
 
   void push_at(const Chunk& chunk, uint16_t length_field) {
     fake::clear_records();
+    g_qel_restart = {};  // a test goes on where a switch would have restarted
     receive(json_of(chunk) + bytes("\0") + chunk.bytes, kGatewayMac, kSwitchMac, length_field);
   }
 
   static std::string stored() { return fake::file(kFile).value_or("(no file)"); }
+
+  // The archive as it was when it was handed to tar.
+  std::string received_;
 };
 
 TEST_F(ConfDownloadTest, OneChunkIsStoredAnsweredAndApplied) {
   push({.total = 5, .crc = 907060870, .bytes = "hello"});  // the CRC-32 of "hello"
   EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
-  EXPECT_EQ(stored(), "hello");
-  EXPECT_THAT(fake::shell_commands(), ElementsAre(kUnpack, kRemove, kFlash));
+  EXPECT_EQ(stored(), "(no file)");  // applied and gone
+  EXPECT_EQ(fake::file("/var/conf/new.conf"), "new");
+  EXPECT_THAT(fake::shell_commands(),
+              ElementsAre(kExpandCommand, kUnpackCommand, kTidy, kFlashCommand));
   EXPECT_EQ(fake::reboots(), 1);
   EXPECT_THAT(fake::console(),
               Contains(MatchesRegex("\\[qel_api_download_conf_check,[0-9]+\\] "
@@ -83,13 +92,19 @@ TEST_F(ConfDownloadTest, AnswerIsFramedLikeAnyMessage) {
               BytesAre(reply_header(static_cast<uint16_t>(json.size() + 16)) + json));
 }
 
-TEST_F(ConfDownloadTest, AnswerGoesOutBeforeTheFilesAreReplacedAndTheSwitchRestarts) {
+TEST_F(ConfDownloadTest, AnswerGoesOutBetweenUnpackingAndReplacement) {
+  fake::set_file("/var/conf/old.conf", "old");
   push({.total = 5, .bytes = "hello"});
-  const auto order = fake::calls_of({"sendto(", "system(", "sys_reboot("});
-  ASSERT_THAT(order, SizeIs(5));
-  EXPECT_THAT(order[0], HasSubstr("sendto("));
-  EXPECT_THAT(order[1], HasSubstr("rm *.conf"));
-  EXPECT_THAT(order[4], HasSubstr("sys_reboot("));
+  const auto order = fake::calls_of({"sendto(", "system(cd", "system(/m", "sys_reboot(",
+                                     "unlink(/var/conf/old", "rename(/var/conf/.installing/"});
+  ASSERT_THAT(order, SizeIs(7));
+  EXPECT_EQ(order[0], "system(" + std::string(kExpandCommand) + ")");
+  EXPECT_EQ(order[1], "system(" + std::string(kUnpackCommand) + ")");
+  EXPECT_THAT(order[2], HasSubstr("sendto("));
+  EXPECT_EQ(order[3], "unlink(/var/conf/old.conf)");
+  EXPECT_EQ(order[4], "rename(/var/conf/.installing/new.conf, /var/conf/new.conf)");
+  EXPECT_EQ(order[5], "system(/morva/bin/conf flash)");
+  EXPECT_EQ(order[6], "sys_reboot()");
 }
 
 TEST_F(ConfDownloadTest, ChunksAreAppendedInTheOrderTheyArrive) {
@@ -100,7 +115,7 @@ TEST_F(ConfDownloadTest, ChunksAreAppendedInTheOrderTheyArrive) {
   EXPECT_THAT(fake::shell_commands(), IsEmpty());
   push({.index = 2, .next = 0, .total = 9, .bytes = "ghi"});
   EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
-  EXPECT_EQ(stored(), "abcdefghi");
+  EXPECT_EQ(received_, "abcdefghi");
   EXPECT_EQ(fake::reboots(), 1);
 }
 
@@ -115,7 +130,8 @@ TEST_F(ConfDownloadTest, WrongCrcIsOnlyLogged) {
   push({.total = 5, .crc = 1, .bytes = "hello"});
   EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
   EXPECT_THAT(fake::console_text(), HasSubstr("crc32[0x3610a686], loadcrc32[0x1]\n"));
-  EXPECT_THAT(fake::shell_commands(), SizeIs(3));
+  EXPECT_EQ(fake::file("/var/conf/new.conf"), "new");
+  EXPECT_EQ(fake::reboots(), 1);
 }
 
 TEST_F(ConfDownloadTest, CrcComesSignedOrUnsigned) {
@@ -205,19 +221,48 @@ TEST_F(ConfDownloadTest, ChunkOutsideTheFrameIsRefused) {
   EXPECT_EQ(g_qel_conf.download_file, nullptr);
 }
 
-TEST_F(ConfDownloadTest, ChunkThatEndsWithTheFrameIsTakenAndOneByteFurtherIsNot) {
+TEST_F(ConfDownloadTest, ChunkThatEndsWithTheReceivedBytesIsTaken) {
   const Chunk one{.index = 0, .next = 1, .total = 4000, .bytes = "a"};
-  push_at(one, 16 + 1567);  // the last of the 1568 bytes behind the header
+  const auto end = static_cast<uint16_t>(json_of(one).size() + 2);  // text, NUL and the one byte
+  push_at(one, static_cast<uint16_t>(16 + end - 1));
   EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 1)));
-  EXPECT_EQ(stored(), bytes("\0"));
-  EXPECT_THAT(fake::console_text(), HasSubstr("offset[1567] pdata0[0x0] pdata1[0x0]\n"));
+  EXPECT_EQ(stored(), "a");
   qel_api_download_reset();
-  push_at(one, 16 + 1568);
+  for (const uint16_t field :
+       {static_cast<uint16_t>(16 + end), uint16_t{16 + 1567}, uint16_t{15}, uint16_t{65535}}) {
+    push_at(one, field);
+    EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 1))) << field;
+    EXPECT_EQ(g_qel_conf.download_file, nullptr);
+  }
+}
+
+TEST_F(ConfDownloadTest, LengthBeyondTheReceivedBytesIsRefused) {
+  Chunk chunk{.index = 0, .next = 1, .total = 4000, .bytes = "abc", .length = 4};
+  push(chunk);
   EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 1)));
-  push_at(one, 15);
+  EXPECT_EQ(g_qel_conf.download_file, nullptr);
+  chunk.length = 3;
+  push(chunk);
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 1)));
+  EXPECT_EQ(stored(), "abc");
+}
+
+TEST_F(ConfDownloadTest, ChunkAtTheEndOfTheLongestFrameIsTaken) {
+  std::string text = json_of({.index = 0, .next = 1, .total = 9, .bytes = "x"});
+  text.resize(1567, '\0');
+  fake::clear_records();
+  receive(text + "xy", kGatewayMac, kSwitchMac, 16 + 1567);
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 1)));
+  EXPECT_EQ(stored(), "x");
+  // One byte further stands behind the 1600 bytes that are looked at.
+  receive(text + "xy", kGatewayMac, kSwitchMac, 16 + 1568);
+  EXPECT_EQ(sent_messages().back(), answer(0, 1));
+}
+
+TEST_F(ConfDownloadTest, ChunkWithoutBytesOutsideTheMessageIsRefused) {
+  push_at({.index = 0, .next = 1, .total = 9, .bytes = ""}, 15);
   EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 1)));
-  push_at(one, 65535);
-  EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 1)));
+  EXPECT_FALSE(fake::file(kFile).has_value());
 }
 
 TEST_F(ConfDownloadTest, RefusedChunkAbandonsTheDownloadThatWasOpen) {
@@ -237,14 +282,39 @@ TEST_F(ConfDownloadTest, ChunkWithoutBytesIsStoredWithoutTouchingTheFile) {
   EXPECT_EQ(stored(), "");
 }
 
-TEST_F(ConfDownloadTest, OverUdpEveryChunkWithBytesIsRefused) {
+TEST_F(ConfDownloadTest, OverUdpEveryChunkIsRefused) {
   qel_link link = udp_link();
-  const std::string text =
-      json_of({.index = 0, .next = 1, .total = 9, .bytes = "abc"}) + bytes("\0") + "abc";
-  qel_cmd_dispatch(&link, text.c_str(), 0);
-  EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 1)));
-  EXPECT_FALSE(fake::file(kFile).has_value());
-  EXPECT_THAT(fake::console_text(), HasSubstr("offset[-16] "));
+  for (const char* part : {"abc", ""}) {
+    fake::clear_records();
+    const std::string text =
+        json_of({.index = 0, .next = 1, .total = 9, .bytes = part}) + bytes("\0") + part;
+    qel_cmd_dispatch(&link, text.c_str(), 0, text.size());
+    EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 1)));
+    EXPECT_FALSE(fake::file(kFile).has_value());
+    EXPECT_THAT(fake::console_text(), HasSubstr("offset[-16] "));
+  }
+}
+
+TEST_F(ConfDownloadTest, LastChunkOverUdpAppliesNothing) {
+  qel_link link = udp_link();
+  const std::string text = json_of({.index = 0, .next = 0, .total = 0, .bytes = ""});
+  qel_cmd_dispatch(&link, text.c_str(), 0, text.size());
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(0, 0)));
+  EXPECT_THAT(fake::shell_commands(), IsEmpty());
+  EXPECT_EQ(fake::reboots(), 0);
+}
+
+TEST_F(ConfDownloadTest, DataThatIsNoObjectCountsAsAbsent) {
+  fake::set_file("/var/conf/old.conf", "old");
+  for (const char* data : {"\"x\"", "7", "[5]", "true", "null", "[{\"index\":0,\"next\":0}]"}) {
+    const std::string text =
+        std::string(R"({"cmd":"update","subcmd":"config_download","data":)") + data + "}";
+    receive(text + bytes("\0"), kGatewayMac, kSwitchMac, static_cast<uint16_t>(text.size() + 17));
+    EXPECT_THAT(fake::sent(), IsEmpty()) << data;
+    EXPECT_THAT(fake::shell_commands(), IsEmpty()) << data;
+    EXPECT_EQ(fake::reboots(), 0) << data;
+  }
+  EXPECT_EQ(fake::file("/var/conf/old.conf"), "old");
 }
 
 TEST_F(ConfDownloadTest, NewFirstChunkDoesNotRestartAnOpenDownload) {
@@ -261,19 +331,21 @@ TEST_F(ConfDownloadTest, SecondGatewayAppendsToTheOpenDownload) {
   const std::string text = json_of(other);
   receive(text + bytes("\0") + other.bytes, second, kSwitchMac,
           static_cast<uint16_t>(text.size() + 17));
-  EXPECT_EQ(stored(), "abcXYZ");
+  EXPECT_EQ(received_, "abcXYZ");
   ASSERT_THAT(fake::sent(), SizeIs(1));
   EXPECT_EQ(fake::sent().front().bytes.substr(0, 6), bytes("\x02\0\0\0\0\x99"));
 }
 
-TEST_F(ConfDownloadTest, FileThatCannotBeOpenedStoresNothingAndStillLeadsToTheRestart) {
+TEST_F(ConfDownloadTest, FileThatCannotBeOpenedLeavesTheConfigurationAlone) {
+  fake::set_file("/var/conf/old.conf", "old");
   fake::fail_os("fopen", ENOSPC, 1, 1);  // the console's line comes first
   push({.index = 0, .next = 1, .total = 6, .bytes = "abc"});
   EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 1)));
   EXPECT_THAT(fake::console_text(), HasSubstr("File Open failed\n"));
   push({.index = 1, .next = 0, .total = 6, .bytes = "def"});
   EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
-  EXPECT_THAT(fake::shell_commands(), ElementsAre(kUnpack, kRemove, kFlash));
+  EXPECT_THAT(fake::shell_commands(), IsEmpty());
+  EXPECT_EQ(fake::file("/var/conf/old.conf"), "old");
   EXPECT_EQ(fake::reboots(), 1);
 }
 
@@ -298,7 +370,7 @@ TEST_F(ConfDownloadTest, DiskThatIsFullAtAnyWriteAbandonsTheDownload) {
   }
   push({.index = 0, .next = 0, .total = 3, .bytes = "new"});
   EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
-  EXPECT_EQ(stored(), "new");
+  EXPECT_EQ(received_, "new");
 }
 
 TEST_F(ConfDownloadTest, WriteOfAPartTellsHowMuchAndAbandonsTheDownload) {
@@ -349,7 +421,7 @@ TEST_F(ConfDownloadTest, RepeatedAndSingleByteChunksAreAppendedAsTheyCome) {
   push({.index = 1, .next = 1, .total = 4, .bytes = "b"});
   push({.index = 0, .next = 1, .total = 4, .bytes = "a"});
   EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 1)));
-  EXPECT_EQ(stored(), "abba");
+  EXPECT_EQ(received_, "abba");
 }
 
 TEST_F(ConfDownloadTest, CheckEndsTheDownloadAndTellsEqualFromDifferent) {
@@ -366,10 +438,11 @@ TEST_F(ConfDownloadTest, CheckEndsTheDownloadAndTellsEqualFromDifferent) {
   EXPECT_THAT(fake::console_text(), HasSubstr("[qel_api_download_conf_check,"));
 }
 
-TEST_F(ConfDownloadTest, CommandsThatFailDoNotStopTheRestart) {
-  fake::set_shell_status(1);
+TEST_F(ConfDownloadTest, FlashThatFailsDoesNotStopTheRestart) {
+  archive_gives({.members = {{"new.conf"}}, .flash_status = 1});
   push({.total = 5, .bytes = "hello"});
-  EXPECT_THAT(fake::shell_commands(), ElementsAre(kUnpack, kRemove, kFlash));
+  EXPECT_EQ(fake::shell_commands().back(), kFlashCommand);
+  EXPECT_EQ(fake::file("/var/conf/new.conf"), "new");
   EXPECT_EQ(fake::reboots(), 1);
   EXPECT_THAT(fake::console().back(),
               MatchesRegex("\\[qel_api_update_down_config,[0-9]+\\] down config flag\\[1\\] \n"));
@@ -392,8 +465,9 @@ TEST_F(ConfDownloadTest, ResetIsToldAtItsStartAndAtItsEnd) {
 
 TEST_F(ConfDownloadTest, DownloadNameWinsOverTheTableWhateverCmdSays) {
   fake::clear_records();
-  receive(
-      R"({"cmd":"get","subcmd":"config_download","data":{"index":0,"next":1,"total_length":4}})");
+  const std::string text =
+      R"({"cmd":"get","subcmd":"config_download","data":{"index":0,"next":1,"total_length":4}})";
+  receive(text, kGatewayMac, kSwitchMac, static_cast<uint16_t>(text.size() + 16));
   EXPECT_THAT(sent_messages(),
               ElementsAre(R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"config_download",)"
                           R"("data":{"state":2,"index":1,"file":""}})"));

@@ -19,8 +19,8 @@ using testing::MatchesRegex;
 using testing::SizeIs;
 
 constexpr char kArchive[] = "/var/conf/getconf.tar.gz";
-constexpr char kPack[] = "cd /var/conf && tar -zcvf getconf.tar.gz *.conf";
-constexpr char kDrop[] = "rm -rf /var/conf/getconf.tar.gz";
+constexpr char kPack[] = "cd /var/conf && tar -zcvf getconf.tar.gz -- *.conf";
+constexpr char kDrop[] = "rm -rf -- /var/conf/getconf.tar.gz";
 
 // Bytes that differ from chunk to chunk: byte i is i / 1024 + i % 251.
 std::string archive_of(size_t size) {

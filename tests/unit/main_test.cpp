@@ -399,7 +399,7 @@ TEST_F(MainTest, TickRunsGatewaysThenPortsThenArchiveThenCountdown) {
   EXPECT_THAT(
       fake::calls_of({"jclient_query", "system", "nvram_set_int(", "funcname_thread"}),
       ElementsAre(StartsWith(R"(jclient_query({"mdl":"mono","cmd":"qel_port_enable_set")"),
-                  "system(rm -rf /var/conf/getconf.tar.gz)", "nvram_set_int(qel_sys_active, 8)",
+                  "system(rm -rf -- /var/conf/getconf.tar.gz)", "nvram_set_int(qel_sys_active, 8)",
                   "funcname_thread_add_timer(qel_timer_second, 1)"));
 }
 
@@ -443,7 +443,7 @@ TEST_F(MainTest, HeldArchiveIsReleasedOnThe31stTick) {
   EXPECT_EQ(g_qel_dev.conf_busy, 1);
   EXPECT_EQ(g_qel_dev.conf_age, 30);
   fake::tick();
-  EXPECT_THAT(fake::shell_commands(), ElementsAre("rm -rf /var/conf/getconf.tar.gz"));
+  EXPECT_THAT(fake::shell_commands(), ElementsAre("rm -rf -- /var/conf/getconf.tar.gz"));
   EXPECT_EQ(g_qel_dev.conf_busy, 0);
   EXPECT_EQ(g_qel_dev.conf_age, 0);
   fake::tick(60);

@@ -16,6 +16,7 @@
 #include "qel/qel_gw.h"
 #include "qel/qel_main.h"
 #include "qel/qel_os.h"
+#include "qel/qel_restart.h"
 #include "qel/qel_table.h"
 #include "qel/qel_upgrade.h"
 
@@ -141,6 +142,8 @@ void reset_agent() {
   qel_api_download_reset();
   g_qel_conf = qel_conf_transfer{};
   g_qel_upgrade = qel_upgrade_state{};
+  g_qel_upgrade_fetch = {};
+  g_qel_restart = {};
   g_qel_dev = qel_dev{};
   g_qel_gw = {};
   g_qel_info = {};

@@ -9,6 +9,7 @@
 #include "qel/qel_json.h"
 #include "qel/qel_main.h"
 #include "qel/qel_req.h"
+#include "qel/qel_restart.h"
 #include "qel/qel_table.h"
 #include "tests/unit/support.h"
 
@@ -521,6 +522,7 @@ using RestartTest = SystemCommandTest;
 
 TEST_F(RestartTest, RebootAsksThePlatformAndAnswersNothing) {
   set("sys_reboot", "{}");
+  g_qel_restart = {};
   receive(R"({"cmd":"set","subcmd":"sys_reboot"})");
   EXPECT_THAT(fake::calls_of({"sys_"}), ElementsAre("sys_reboot()", "sys_reboot()"));
   EXPECT_THAT(fake::sent(), IsEmpty());
