@@ -19,7 +19,7 @@ packages_test=(
   clang clang-format clang-tidy libclang-rt-14-dev
   python3-pytest python3-jsonschema shellcheck telnet lldpd nftables iputils-ping
   g++-mips-linux-gnu qemu-user dpkg-dev tshark
-  systemd mandoc aspell aspell-en codespell zsh tcpdump
+  systemd mandoc aspell aspell-en codespell zsh tcpdump strace
 )
 
 # To make the Debian packages and to try them in a clean root.

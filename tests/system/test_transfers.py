@@ -5,6 +5,7 @@ import hashlib
 import io
 import json
 import os
+import socket
 import tarfile
 import zlib
 
@@ -165,15 +166,16 @@ def test_backup_change_restore_gives_every_file_and_report_back(make_lab):
     assert not (lab.dir / "conf/downlconf.tar.gz").exists()
 
 
-def test_names_with_blanks_and_links_out_of_the_folder_travel_as_they_are(make_lab):
+def test_backup_holds_configuration_files_only(make_lab):
     lab = make_lab()
+    files = conf_files(lab)
     (lab.dir / "conf/my notes.conf").write_bytes(b"blank")
     os.symlink("/etc/passwd", lab.dir / "conf/link.conf")
     with tarfile.open(fileobj=io.BytesIO(fetch_archive(lab.gateway))) as tar:
-        members = {member.name: member for member in tar.getmembers()}
-    assert "my notes.conf" in members
-    assert members["link.conf"].issym()  # the link, not what it points to
-    assert members["link.conf"].size == 0
+        assert sorted(member.name for member in tar.getmembers()) == sorted(files)
+    assert conf_files(lab) == files
+    for name in ("my notes.conf", "link.conf"):
+        assert f'/var/conf: "{name}" is no configuration file, removed' in lab.log("syslog")
 
 
 def test_no_configuration_file_is_answered_with_state_0(make_lab):
@@ -230,83 +232,6 @@ def test_gateway_that_goes_away_in_the_middle_leaves_the_files_alone(make_lab):
     assert answer_to(lab.gateway, "config_download").json["data"]["state"] == 2
     lab.gateway.probe()
     assert conf_files(lab) == files
-
-
-def test_archive_with_names_that_climb_out_writes_nothing_outside(make_lab):
-    lab = make_lab()
-    old = lab.pid("qel")
-    files = {"good.conf": b"good", "../climbed.conf": b"bad", "/run/absolute.conf": b"bad"}
-    push(lab.gateway, "config_download", archive_of(files))
-    agent_restarted(lab, old)
-    answers_again(lab)
-    assert (lab.dir / "conf/good.conf").read_bytes() == b"good"
-    found = lab.switch("sh", "-c", "ls /var/climbed.conf /run/absolute.conf", check=False)
-    assert found.returncode != 0 and found.stdout == ""
-
-
-def test_archive_with_links_writes_nothing_where_they_lead(make_lab):
-    """Not when it is unpacked, through a link in it, nor by what the agent writes later."""
-    lab = make_lab()
-    old = lab.pid("qel")
-    lab.switch("sh", "-c", "mkdir /run/there && for n in 1 2 3 4; do echo kept=$n >/run/there/$n; done")
-    listed = ["sh", "-c", "cd /run/there && grep -r . . | sort"]
-    before = lab.switch(*listed).stdout
-    links = [
-        ("folder.conf", "/run/there"), ("near.conf", "../../run/there"), ("file.conf", "/run/there/1"),
-        ("nvram.conf", "/run/there/2"), ("qel.conf", "/run/there/3"), ("getconf.tar.gz", "/run/there/4"),
-    ]  # fmt: skip
-    files = {"folder.conf/a.conf": b"bad", "near.conf/b.conf": b"bad", "file.conf": b"new", "good.conf": b"good"}
-    push(lab.gateway, "config_download", archive_of(files, links))
-    agent_restarted(lab, old)
-    answers_again(lab)
-    assert (lab.dir / "conf/good.conf").read_bytes() == b"good"  # it was unpacked
-    lab.gateway.command("set", "name", {"name": "written"})
-    assert lab.gateway.probe().json["data"]["name"] == "written"
-    lab.morvactl("event", '{"type":"cldm_conf","qel_enable":1}')
-    saved = ["cat", "/var/conf/qel.conf"]
-    wait_until(lambda: lab.switch(*saved, check=False).stdout == "qel enable\n!\n", "the saved configuration")
-    fetch_archive(lab.gateway)
-    assert lab.switch(*listed).stdout == before
-
-
-KILL = "kill -KILL $(cat /var/run/qel.pid)"
-
-# Where the agent dies -> a wrapper put before the program of that step, and what then is on disk:
-# old files, new files, the archive, the flash copy.
-STEPS = {
-    "before the first command": ("rm", f"#!/bin/sh\n{KILL}\nexit 1\n", True, False, True, False),
-    "before the archive is unpacked": (
-        "tar", f"#!/bin/sh\n{KILL}\nexit 1\n", False, False, True, False),
-    "before the archive is removed": (
-        "rm", f'#!/bin/sh\ncase "$*" in *downlconf*) {KILL}; exit 1;; esac\nexec /bin/rm "$@"\n',
-        False, True, True, False),
-    "before the files are stored in flash": (
-        "conf", f"#!/bin/sh\n{KILL}\nexit 1\n", False, True, False, False),
-    "before the restart": (
-        "conf", f"#!/bin/sh\nsh /morva/bin/conf.real flash\n{KILL}\n", False, True, False, True),
-}
-
-
-@pytest.mark.parametrize("step", STEPS)
-def test_agent_killed_between_two_steps_of_applying(make_lab, step):
-    program, wrapper, has_old, has_new, has_archive, has_flash = STEPS[step]
-    lab = make_lab()
-    (lab.dir / "conf/old.conf").write_bytes(b"old")
-    put_program(lab, "conf.real", lab.switch("cat", "/morva/bin/conf").stdout)
-    put_program(lab, program, wrapper)
-    archive = archive_of({"new.conf": b"new"})
-    assert push(lab.gateway, "config_download", archive)["state"] == 3
-    old = lab.pid("qel")
-    gone = ["sh", "-c", f"! grep -qsv ' Z ' /proc/{old}/stat && ! pgrep -f '[d]ownlconf|conf[.]real'"]
-    wait_until(lambda: lab.run(*gone, check=False).returncode == 0, "the agent's end")
-    folder = lab.dir / "conf"
-    assert (folder / "old.conf").exists() == has_old
-    assert (folder / "new.conf").exists() == has_new
-    assert (folder / "downlconf.tar.gz").exists() == has_archive
-    if has_archive:
-        assert (folder / "downlconf.tar.gz").read_bytes() == archive
-    flash = lab.switch("sh", "/morva/bin/conf.real", "list").stdout.split()
-    assert ("new.conf" in flash) == has_flash
 
 
 # ---- firmware ----------------------------------------------------------------------------------
@@ -367,6 +292,48 @@ def test_refused_location_runs_nothing(make_lab):
     lab.gateway.probe()
     assert lab.switch("sh", "-c", "ls /run/owned", check=False).returncode != 0
     assert "location refused" in lab.log("qel") + lab.log("syslog")
+
+
+def test_server_that_never_answers_does_not_silence_the_agent(make_lab):
+    lab = make_lab()
+    listener = lab.socket(socket.AF_INET, socket.SOCK_STREAM, inside=1)
+    listener.bind(("127.0.0.1", 8080))
+    listener.listen(1)
+    listener.settimeout(30.0)
+    lab.gateway.command("set", "hfs_upgrade", {"upgrade_serverinfo": "http://127.0.0.1:8080/fw"})
+    connection, _ = listener.accept()  # wget waits for an answer from now on
+    lab.gateway.probe()
+    send_chunk(lab.gateway, "firm_download", 0, False, 5, b"other")
+    assert answer_to(lab.gateway, "firm_download").json["data"] == {"state": -1, "index": 0, "file": "f"}
+    connection.close()
+    listener.close()
+
+
+def test_image_that_was_not_fetched_well_is_not_handed_on(make_lab):
+    lab = make_lab()
+    lab.switch(
+        "sh", "-c",
+        "mkdir /run/www && cd /run/www && /usr/bin/python3 -m http.server --bind 127.0.0.1 8080 "
+        ">/run/www.log 2>&1 & echo started",
+    )
+    serving = ["wget", "-q", "-O", "/dev/null", "http://127.0.0.1:8080/"]
+    wait_until(lambda: lab.switch(*serving, check=False).returncode == 0, "the web server")
+    lab.gateway.command("set", "hfs_upgrade", {"upgrade_serverinfo": "http://127.0.0.1:8080/none"})
+    wait_until(lambda: "firmware not fetched: " in lab.log("syslog"), "the log line")
+    lab.gateway.probe()
+    kept = lab.switch("ls", "/var/lib/morva/firmware", "/tmp/morva_upgrade", check=False)
+    assert kept.stdout == ""
+    assert "idle" in lab.morvactl("fw", "show").stdout
+
+
+def test_image_that_another_process_left_is_not_handed_on(make_lab):
+    lab = make_lab()
+    lab.switch("sh", "-c", "echo half an image >/tmp/linux.trx")
+    send_chunk(lab.gateway, "firm_download", 1, False, 0, b"")
+    assert answer_to(lab.gateway, "firm_download").json["data"] == {"state": -2, "index": 0, "file": "f"}
+    lab.gateway.probe()
+    assert lab.switch("ls", "/var/lib/morva/firmware", check=False).stdout == ""
+    assert lab.switch("cat", "/tmp/linux.trx").stdout == "half an image\n"
 
 
 def test_full_disk_never_lets_an_image_count_as_complete(make_lab):
