@@ -112,7 +112,9 @@ void become_daemon() {
 }
 
 void connect_manager() {
-  struct uclient* client = uclient_connect(kManagerAddress, kManagerPort, kManagerBackPort);
+  // Lives until exit; kept here too, for nothing is registered any more once a restart is ordered.
+  static struct uclient* client;
+  client = uclient_connect(kManagerAddress, kManagerPort, kManagerBackPort);
   if (client == nullptr) {
     zlog_err("Failed to create uclient");
     qel_os_exit(1);
