@@ -3,7 +3,9 @@
 
 #include <arpa/inet.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -25,7 +27,7 @@ namespace {
 constexpr char kSource[] = "qel/qel_eth";
 constexpr size_t kReceiveSize = 65535;
 constexpr size_t kHexdumpRow = 30;
-constexpr int kNoInterface = -1;
+constexpr uint16_t kVlanIdMask = 0x0fff;
 
 uint16_t read_be16(const uint8_t* at) {
   return static_cast<uint16_t>(static_cast<unsigned>(at[0]) << 8 | at[1]);
@@ -36,12 +38,45 @@ void register_read(int fd) {
                            __LINE__);
 }
 
+// Whether the kernel handed over the tag of a VLAN beside the frame. Id 0 is a priority and no
+// VLAN. The tag counts without its status bit, which older kernels do not set; without a tag it is
+// 0.
+bool tag_beside(struct msghdr* message) {
+  if ((message->msg_flags & MSG_CTRUNC) != 0) {
+    return true;  // something was said that did not fit
+  }
+  for (struct cmsghdr* said = CMSG_FIRSTHDR(message); said != nullptr;
+       said = CMSG_NXTHDR(message, said)) {
+    struct tpacket_auxdata frame = {};
+    if (said->cmsg_level == SOL_PACKET && said->cmsg_type == PACKET_AUXDATA &&
+        said->cmsg_len >= CMSG_LEN(sizeof frame)) {
+      std::memcpy(&frame, CMSG_DATA(said), sizeof frame);
+      if ((frame.tp_vlan_tci & kVlanIdMask) != 0) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
 // The management network is the only trust boundary that this protocol has, so a frame counts only
-// when it came in through it. Where the look-up of the interface fails the frame goes on, and the
-// reply fails in sendto. 0 is a frame that did not come from a socket.
-bool arrived_elsewhere(int arrival, const qel_link& link) {
+// when it came in through it. Where that cannot be told, it does not count.
+bool arrived_elsewhere(const sockaddr_ll& from, const qel_link& link) {
   const int management = link.addr.eth.sll_ifindex;
-  return arrival != 0 && management >= 0 && management != arrival;
+  return management <= 0 || from.sll_ifindex != management;
+}
+
+// Whether the frame carried the tag of a VLAN that this interface is not in. The kernel takes such
+// tags off and, to a socket of one ethertype, says so only by calling the frame another host's. It
+// calls each frame so whose destination is neither a group nor the interface's own address: a
+// system MAC that is not the interface's tells nothing, and a tag cannot be seen then.
+bool of_another_vlan(const sockaddr_ll& from, const qel_link& link, const uint8_t* destination) {
+  constexpr uint8_t kUnknownMac[proto::kMacSize] = {};
+  constexpr uint8_t kGroupBit = 0x01;
+  return from.sll_pkttype == PACKET_OTHERHOST &&
+         ((destination[0] & kGroupBit) != 0 ||
+          std::memcmp(destination, link.own_mac, proto::kMacSize) == 0 ||
+          std::memcmp(kUnknownMac, link.own_mac, proto::kMacSize) == 0);
 }
 
 }  // namespace
@@ -57,6 +92,8 @@ int qel_eth_open() {
     qel_os_close(fd);
     return 0;
   }
+  // Without it the packet type alone tells of a tag, as it does on newer kernels anyway.
+  qel_os_setsockopt(fd, SOL_PACKET, PACKET_AUXDATA, 1);
   g_qel_dev.eth_fd = fd;
   register_read(fd);
   return fd;
@@ -70,13 +107,18 @@ int qel_eth_read(struct thread* thread) {
   }
   qel_link link = {};
   link.kind = kQelLinkEth;
-  struct sockaddr_ll from = {};
-  socklen_t from_length = sizeof from;
-  const ssize_t received = qel_os_recvfrom(fd, buffer, sizeof buffer,
-                                           reinterpret_cast<struct sockaddr*>(&from), &from_length);
-  if (received > 0) {
+  alignas(struct cmsghdr) uint8_t said[CMSG_SPACE(sizeof(struct tpacket_auxdata))] = {};
+  struct iovec area = {buffer, sizeof buffer};
+  struct msghdr message = {};
+  message.msg_name = &link.addr.eth;
+  message.msg_namelen = sizeof link.addr.eth;
+  message.msg_iov = &area;
+  message.msg_iovlen = 1;
+  message.msg_control = said;
+  message.msg_controllen = sizeof said;
+  const ssize_t received = qel_os_recvmsg(fd, &message);
+  if (received > 0 && !tag_beside(&message)) {
     link.fd = fd;
-    link.addr.eth.sll_ifindex = from.sll_ifindex != 0 ? from.sll_ifindex : kNoInterface;
     qel_eth_parse(&link, {buffer, static_cast<size_t>(received)});
   }
   register_read(fd);
@@ -100,9 +142,9 @@ int qel_eth_parse(qel_link* link, std::span<const uint8_t> frame) {
   }
   std::memcpy(link->gw_mac, local + proto::kOffsetSource, proto::kMacSize);
   // Looked up for each frame: the interface may have been made again.
-  const int arrival = link->addr.eth.sll_ifindex;
+  const sockaddr_ll from = link->addr.eth;
   qel_eth_link_init(link, link->fd);
-  if (arrived_elsewhere(arrival, *link)) {
+  if (arrived_elsewhere(from, *link) || of_another_vlan(from, *link, destination)) {
     return -1;
   }
   const char* text = reinterpret_cast<const char*>(local + proto::kOffsetMessage);

@@ -16,13 +16,15 @@
 // Called by qel_dev_init.
 int qel_eth_open();
 
-// Read callback ("qel_eth_read"): receives one frame, registers itself again whatever happened.
+// Read callback ("qel_eth_read"): receives one frame, registers itself again whatever happened. A
+// frame that carries the tag of a VLAN is dropped.
 int qel_eth_read(struct thread* thread);
 
-// Checks one frame and dispatches its text. `link` has `fd` set, holds the index of the interface
-// that the frame came in through in the address (0: not known), and receives the reply address.
-// `frame` holds the bytes from the destination address on. Returns 0 when dispatched, -1 when
-// dropped.
+// Checks one frame and dispatches its text. `link` has `fd` set, holds in the address where the
+// frame came from as the socket told it (interface index and packet type), and receives the reply
+// address. `frame` holds the bytes from the destination address on. Returns 0 when dispatched, -1
+// when dropped: for another address or ethertype, from another interface than "vlanif1" or one that
+// is not known, or out of a VLAN that "vlanif1" is not in.
 int qel_eth_parse(qel_link* link, std::span<const uint8_t> frame);
 
 // Fills the sending side of an Ethernet link: socket, index and MAC of "vlanif1". Both are looked

@@ -95,6 +95,10 @@ ssize_t qel_os_recvfrom(int fd, void* buffer, size_t size, struct sockaddr* addr
   return recvfrom(fd, buffer, size, MSG_DONTWAIT, address, length);
 }
 
+ssize_t qel_os_recvmsg(int fd, struct msghdr* message) {
+  return recvmsg(fd, message, MSG_DONTWAIT);
+}
+
 ssize_t qel_os_sendto(int fd, const void* data, size_t length, int flags,
                       const struct sockaddr* address, socklen_t address_length) {
   return sendto(fd, data, length, flags, address, address_length);

@@ -33,6 +33,9 @@ int qel_os_accept(int fd, struct sockaddr* address, socklen_t* length);
 ssize_t qel_os_recvfrom(int fd, void* buffer, size_t size, struct sockaddr* address,
                         socklen_t* length);
 
+// recvmsg(2) that does not wait. Bytes, or -1.
+ssize_t qel_os_recvmsg(int fd, struct msghdr* message);
+
 // sendto(2). Returns the bytes sent, or -1 with errno set.
 ssize_t qel_os_sendto(int fd, const void* data, size_t length, int flags,
                       const struct sockaddr* address, socklen_t address_length);

@@ -291,8 +291,18 @@ struct Sent {
 };
 const std::vector<Sent>& sent();
 
-// Queues a datagram for `fd`. A frame comes in through "vlanif1" unless another index is given.
-void receive_frame(int fd, std::string_view bytes, std::optional<int> ifindex = {});
+// What the kernel says of a frame beside its bytes, as if it had come through "vlanif1", untagged,
+// unless something else is given.
+struct Arrival {
+  std::optional<int> ifindex{};
+  uint8_t packet_type = 0;        // PACKET_HOST
+  std::optional<uint16_t> tci{};  // the tag that auxiliary data tell
+  bool tci_valid = true;          // with its status bit
+  int message_flags = 0;          // those of recvmsg
+};
+
+// Queues a datagram for `fd`.
+void receive_frame(int fd, std::string_view bytes, const Arrival& arrival = {});
 void receive_udp(int fd, std::string_view bytes, const std::string& ip, uint16_t port);
 void receive_local(int fd, std::string_view bytes);
 // The next read of `fd` fails with `error`.

@@ -30,12 +30,15 @@ struct Datagram {
   sockaddr_storage from{};
   socklen_t from_length = 0;
   int error = 0;  // not 0: the read fails with it
+  tpacket_auxdata auxiliary{};
+  int message_flags = 0;
 };
 
 struct Descriptor {
   int family = 0;
   bool open = true;
   int waiting_connections = 0;
+  bool auxiliary = false;  // PACKET_AUXDATA is on
   std::deque<Datagram> queue;
 };
 
@@ -102,6 +105,9 @@ std::string option_name(int level, int option) {
   if (level == SOL_SOCKET && option == SO_BROADCAST) {
     return "SO_BROADCAST";
   }
+  if (level == SOL_PACKET && option == PACKET_AUXDATA) {
+    return "PACKET_AUXDATA";
+  }
   return "level " + std::to_string(level) + " option " + std::to_string(option);
 }
 
@@ -149,6 +155,22 @@ int send_error(const Descriptor& socket, const struct sockaddr* address, socklen
              : 0;
 }
 
+// What recvmsg tells beside the bytes, as far as there is room for it.
+void say_beside(const Descriptor& socket, const Datagram& datagram, struct msghdr* message) {
+  const size_t room = message->msg_controllen;
+  message->msg_controllen = 0;
+  if (!socket.auxiliary || room < CMSG_SPACE(sizeof datagram.auxiliary)) {
+    message->msg_flags |= socket.auxiliary && room > 0 ? MSG_CTRUNC : 0;
+    return;
+  }
+  message->msg_controllen = CMSG_SPACE(sizeof datagram.auxiliary);
+  struct cmsghdr* const said = CMSG_FIRSTHDR(message);
+  said->cmsg_level = SOL_PACKET;
+  said->cmsg_type = PACKET_AUXDATA;
+  said->cmsg_len = CMSG_LEN(sizeof datagram.auxiliary);
+  std::memcpy(CMSG_DATA(said), &datagram.auxiliary, sizeof datagram.auxiliary);
+}
+
 void set_inet_address(struct sockaddr* target, const std::string& dotted) {
   sockaddr_in in{};
   in.sin_family = AF_INET;
@@ -169,7 +191,12 @@ int qel_os_socket(int domain, int type, int protocol) {
 
 int qel_os_setsockopt(int fd, int level, int option, int value) {
   fake::internal::record("setsockopt(%d, %s, %d)", fd, option_name(level, option).c_str(), value);
-  return fake::internal::os_fails("setsockopt") || descriptor(fd) == nullptr ? -1 : 0;
+  Descriptor* const socket = descriptor(fd);
+  if (fake::internal::os_fails("setsockopt") || socket == nullptr) {
+    return -1;
+  }
+  socket->auxiliary |= level == SOL_PACKET && option == PACKET_AUXDATA && value != 0;
+  return 0;
 }
 
 int qel_os_bind(int fd, const struct sockaddr* address, socklen_t length) {
@@ -206,6 +233,20 @@ int qel_os_accept(int fd, struct sockaddr* address, socklen_t* length) {
 
 ssize_t qel_os_recvfrom(int fd, void* buffer, size_t size, struct sockaddr* address,
                         socklen_t* length) {
+  struct iovec area = {buffer, size};
+  struct msghdr message = {};
+  message.msg_name = address;
+  message.msg_namelen = length != nullptr ? *length : 0;
+  message.msg_iov = &area;
+  message.msg_iovlen = 1;
+  const ssize_t count = qel_os_recvmsg(fd, &message);
+  if (count >= 0 && length != nullptr) {
+    *length = message.msg_namelen;
+  }
+  return count;
+}
+
+ssize_t qel_os_recvmsg(int fd, struct msghdr* message) {
   Descriptor* const socket = descriptor(fd);
   if (socket == nullptr) {
     return -1;
@@ -218,12 +259,15 @@ ssize_t qel_os_recvfrom(int fd, void* buffer, size_t size, struct sockaddr* addr
   if (datagram.error != 0) {
     return fail_with(datagram.error);
   }
-  const size_t count = std::min(size, datagram.bytes.size());
-  std::memcpy(buffer, datagram.bytes.data(), count);
-  if (address != nullptr && length != nullptr) {
-    std::memcpy(address, &datagram.from, std::min(*length, datagram.from_length));
-    *length = datagram.from_length;
+  const size_t count = std::min(message->msg_iov->iov_len, datagram.bytes.size());
+  std::memcpy(message->msg_iov->iov_base, datagram.bytes.data(), count);
+  if (message->msg_name != nullptr) {
+    std::memcpy(message->msg_name, &datagram.from,
+                std::min(message->msg_namelen, datagram.from_length));
+    message->msg_namelen = datagram.from_length;
   }
+  message->msg_flags = datagram.message_flags;
+  say_beside(*socket, datagram, message);
   return static_cast<ssize_t>(count);
 }
 
@@ -384,16 +428,19 @@ void remove_net(const std::string& name) {
   state().interfaces.erase(name);
 }
 
-void receive_frame(int fd, std::string_view bytes, std::optional<int> ifindex) {
+void receive_frame(int fd, std::string_view bytes, const Arrival& arrival) {
   sockaddr_ll from{};
   from.sll_family = AF_PACKET;
   from.sll_protocol = htons(0x9301);
-  from.sll_ifindex = ifindex ? *ifindex : net("vlanif1").index;
+  from.sll_ifindex = arrival.ifindex ? *arrival.ifindex : net("vlanif1").index;
+  from.sll_pkttype = arrival.packet_type;
   from.sll_halen = 6;
   std::memcpy(from.sll_addr, bytes.data() + std::min<size_t>(6, bytes.size()),
               std::min<size_t>(6, bytes.size() - std::min<size_t>(6, bytes.size())));
-  Datagram datagram{std::string(bytes), {}, sizeof from, 0};
+  Datagram datagram{std::string(bytes), {}, sizeof from, 0, {}, arrival.message_flags};
   std::memcpy(&datagram.from, &from, sizeof from);
+  datagram.auxiliary.tp_vlan_tci = arrival.tci.value_or(0);
+  datagram.auxiliary.tp_status = arrival.tci && arrival.tci_valid ? TP_STATUS_VLAN_VALID : 0;
   state().descriptors[fd].queue.push_back(datagram);
 }
 
@@ -402,17 +449,17 @@ void receive_udp(int fd, std::string_view bytes, const std::string& ip, uint16_t
   from.sin_family = AF_INET;
   from.sin_port = htons(port);
   inet_pton(AF_INET, ip.c_str(), &from.sin_addr);
-  Datagram datagram{std::string(bytes), {}, sizeof from, 0};
+  Datagram datagram{std::string(bytes), {}, sizeof from, 0, {}, 0};
   std::memcpy(&datagram.from, &from, sizeof from);
   state().descriptors[fd].queue.push_back(datagram);
 }
 
 void receive_local(int fd, std::string_view bytes) {
-  state().descriptors[fd].queue.push_back({std::string(bytes), {}, 0, 0});
+  state().descriptors[fd].queue.push_back({std::string(bytes), {}, 0, 0, {}, 0});
 }
 
 void receive_error(int fd, int error) {
-  state().descriptors[fd].queue.push_back({"", {}, 0, error});
+  state().descriptors[fd].queue.push_back({"", {}, 0, error, {}, 0});
 }
 
 std::string job_command() {

@@ -169,6 +169,11 @@ def raw_frame(text):
     return head + (len(raw) + 16).to_bytes(2, "big") + bytes(12) + raw
 
 
+def arrived(kind, tag, flags, frame):
+    """What the kernel says beside a frame (packet type, tag, flags), as frame_fuzz.cpp takes it."""
+    return b"A" + bytes([kind]) + tag.to_bytes(2, "big") + bytes([flags]) + frame
+
+
 def write(target, seeds, name="seed"):
     folder = HERE / "corpus" / target
     folder.mkdir(parents=True, exist_ok=True)
@@ -220,6 +225,11 @@ def main():
     frames = [frame_seed(text) for text in MESSAGES]
     frames += [b"R" + raw_frame(MESSAGES[0]).replace(b"\x93\x03", b"\x93\x01"), b"R" + bytes(14)]
     write("frame", frames)
+    probe = raw_frame(MESSAGES[0]).replace(b"\x93\x03", b"\x93\x01")
+    group = bytes.fromhex("0180c200001f") + probe[6:]
+    beside = [(0, 0, 0, probe), (0, 0x6000, 1, probe), (0, 5, 1, probe), (0, 0xE005, 0, probe)]
+    beside += [(3, 0, 0, probe), (3, 0, 0, group), (2, 0, 0, group), (0, 0, 2, probe), (0, 0, 4, probe)]
+    write("frame", [arrived(*one) for one in beside], "tagged")
     write("udp", [text.encode("latin-1") for text in MESSAGES])
     write("event", [text.encode() for text in EVENTS])
     write("reply", [text.encode() for text in REPLIES])

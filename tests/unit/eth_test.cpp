@@ -15,13 +15,10 @@
 
 namespace {
 
-using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::SizeIs;
-using testing::StartsWith;
 
 constexpr char kProbe[] = R"({"mac":"gw","cmd":"probe","subcmd":"probe","data":{"ntick":1}})";
 constexpr size_t kTextMost = 1568;  // bytes of text that are looked at
@@ -40,8 +37,8 @@ class EthFrameTest : public AgentTest {
  protected:
   EthFrameTest() { start(); }
 
-  void receive_raw(std::string_view frame, std::optional<int> ifindex = {}) {
-    fake::receive_frame(g_qel_dev.eth_fd, frame, ifindex);
+  void receive_raw(std::string_view frame, const fake::Arrival& arrival = {}) {
+    fake::receive_frame(g_qel_dev.eth_fd, frame, arrival);
     fake::run_reads();
   }
 
@@ -61,7 +58,14 @@ TEST_F(EthTest, OpensARawSocketForTheGatewaysEthertypeWithoutBindingIt) {
   const std::string number = std::to_string(fd);
   EXPECT_THAT(fake::calls(), ElementsAre("socket(AF_PACKET, SOCK_RAW, 0x9301)",
                                          "setsockopt(" + number + ", SO_REUSEADDR, 1)",
+                                         "setsockopt(" + number + ", PACKET_AUXDATA, 1)",
                                          "funcname_thread_add_read(qel_eth_read, " + number + ")"));
+}
+
+TEST_F(EthTest, WithoutAuxiliaryDataTheLinkOpensAllTheSame) {
+  fake::fail_os("setsockopt", ENOPROTOOPT, 1);
+  EXPECT_EQ(stderr_of([] { EXPECT_GT(qel_eth_open(), 0); }), "");
+  EXPECT_EQ(fake::registered("qel_eth_read", g_qel_dev.eth_fd), 1);
 }
 
 TEST_F(EthTest, SocketThatCannotBeMadeIsToldAndLeavesTheLinkClosed) {
@@ -233,6 +237,7 @@ TEST_F(EthFrameTest, DispatchedFrameGivesZero) {
   qel_link link = {};
   link.kind = 4;
   link.fd = g_qel_dev.eth_fd;
+  link.addr.eth.sll_ifindex = 7;
   EXPECT_EQ(qel_eth_parse(&link, {reinterpret_cast<const uint8_t*>(frame.data()), frame.size()}),
             0);
   EXPECT_THAT(link.gw_mac, ElementsAre(0x02, 0x00, 0x5e, 0x10, 0x20, 0x30));
@@ -255,28 +260,116 @@ TEST_F(EthFrameTest, HeaderBytesThatAreNotExaminedDoNotMatter) {
 }
 
 TEST_F(EthFrameTest, FrameFromAnotherInterfaceDoesNotCount) {
-  receive_raw(gateway_frame(kProbe), 8);
+  receive_raw(gateway_frame(kProbe), {.ifindex = 8});
   EXPECT_THAT(fake::sent(), IsEmpty());
   expect_alive();
 }
 
 TEST_F(EthFrameTest, ManagementInterfaceThatWasMadeAgainKeepsWorking) {
   fake::net("vlanif1").index = 31;
-  receive_raw(gateway_frame(kProbe), 7);
+  receive_raw(gateway_frame(kProbe), {.ifindex = 7});
   EXPECT_THAT(fake::sent(), IsEmpty());
-  receive_raw(gateway_frame(kProbe), 31);
+  receive_raw(gateway_frame(kProbe), {.ifindex = 31});
   ASSERT_THAT(fake::sent(), SizeIs(1));
   EXPECT_EQ(fake::sent()[0].ifindex(), 31);
 }
 
-TEST_F(EthFrameTest, WithoutTheInterfaceTheFrameIsDispatchedAndTheReplyFails) {
+TEST_F(EthFrameTest, WithoutTheInterfaceTheCommandIsNotCarriedOut) {
+  fake::add_ports(1);
+  const std::string command =
+      gateway_frame(R"({"cmd":"set","subcmd":"sys_active","data":{"sys_active":9}})");
+  receive_raw(command);
+  ASSERT_NE(g_qel_dev.sys_active, 0);  // with it, it is
+  g_qel_dev.sys_active = 0;
+
+  const fake::NetInterface before = fake::net("vlanif1");
   fake::remove_net("vlanif1");
-  std::string said;
-  stdout_of([&] { said = stderr_of([&] { receive_raw(gateway_frame(kProbe), 8); }); });
-  EXPECT_THAT(said, HasSubstr("sendto(eth): No such device or address\n"));
+  for (const int index : {8, -1, 0}) {
+    std::string said;
+    stdout_of([&] { said = stderr_of([&] { receive_raw(command, {.ifindex = index}); }); });
+    EXPECT_EQ(said, "SIOCGIFINDEX ioctl error: No such device\n");
+    EXPECT_EQ(g_qel_dev.sys_active, 0) << index;
+  }
   EXPECT_THAT(fake::sent(), IsEmpty());
-  EXPECT_EQ(fake::registered("qel_eth_read", g_qel_dev.eth_fd), 1);
+  fake::net("vlanif1") = before;
+  expect_alive();
 }
+
+TEST_F(EthFrameTest, FrameFromAnUnknownInterfaceDoesNotCount) {
+  for (const int index : {0, -1}) {
+    receive_raw(gateway_frame(kProbe), {.ifindex = index});
+  }
+  EXPECT_THAT(fake::sent(), IsEmpty());
+  expect_alive();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Tags of VLANs, which are taken off before the frame is here
+
+constexpr fake::Mac kGroup = {0x01, 0x80, 0xc2, 0x00, 0x00, 0x1f};
+constexpr fake::Mac kOtherMac = {0x0a, 0, 0, 0, 0, 1};
+constexpr uint8_t kHost = 0;
+constexpr uint8_t kMulticast = 2;
+constexpr uint8_t kOtherHost = 3;
+
+struct TagCase {
+  const char* name;
+  fake::Mac destination;
+  fake::Mac interface_mac;
+  fake::Arrival arrival;
+  bool answered;
+};
+void PrintTo(const TagCase& one, std::ostream* stream) {
+  *stream << one.name;
+}
+
+class EthTagTest : public EthFrameTest, public testing::WithParamInterface<TagCase> {};
+
+TEST_P(EthTagTest, FrameOfAnotherVlanIsDropped) {
+  const TagCase& tag = GetParam();
+  fake::net("vlanif1").mac = tag.interface_mac;
+  receive_raw(gateway_frame(kProbe, kGatewayMac, tag.destination), tag.arrival);
+  EXPECT_THAT(fake::sent(), SizeIs(tag.answered ? 1 : 0));
+  expect_alive();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Frames, EthTagTest,
+    testing::Values(
+        TagCase{"ToTheSwitch", kSwitchMac, kSwitchMac, {.packet_type = kHost}, true},
+        TagCase{"ToTheGroup", kGroup, kSwitchMac, {.packet_type = kMulticast}, true},
+        // The kernel's word for a tag that no VLAN interface takes.
+        TagCase{"TaggedToTheSwitch", kSwitchMac, kSwitchMac, {.packet_type = kOtherHost}, false},
+        TagCase{"TaggedToTheGroup", kGroup, kSwitchMac, {.packet_type = kOtherHost}, false},
+        TagCase{"TaggedToTheGroupOtherMac", kGroup, kOtherMac, {.packet_type = kOtherHost}, false},
+        // Another host's by its address: with or without a tag.
+        TagCase{"ToASystemOfAnotherMac", kSwitchMac, kOtherMac, {.packet_type = kOtherHost}, true},
+        TagCase{"InterfaceWithoutMac", kSwitchMac, {}, {.packet_type = kOtherHost}, false},
+        // Auxiliary data.
+        TagCase{"Vlan5", kSwitchMac, kSwitchMac, {.tci = 0x0005}, false},
+        TagCase{"Vlan5WithPriority", kSwitchMac, kSwitchMac, {.tci = 0xe005}, false},
+        TagCase{"Vlan4095", kSwitchMac, kSwitchMac, {.tci = 0x0fff}, false},
+        TagCase{"Vlan5ToASystemOfAnotherMac",
+                kSwitchMac,
+                kOtherMac,
+                {.packet_type = kOtherHost, .tci = 0x0005},
+                false},
+        TagCase{"Vlan5OfAnOldKernel",
+                kSwitchMac,
+                kSwitchMac,
+                {.tci = 0x0005, .tci_valid = false},
+                false},
+        TagCase{"PriorityTag", kSwitchMac, kSwitchMac, {.tci = 0x6000}, true},
+        TagCase{"PriorityTagToTheGroup",
+                kGroup,
+                kSwitchMac,
+                {.packet_type = kMulticast, .tci = 0xf000},
+                true},
+        TagCase{"AuxiliaryDataCut", kSwitchMac, kSwitchMac, {.message_flags = MSG_CTRUNC}, false}),
+    [](const auto& case_info) { return case_info.param.name; });
+
+// ---------------------------------------------------------------------------------------------
+// What is learnt
 
 TEST_F(EthFrameTest, GatewayIsLearntAnewFromEachFrame) {
   receive(kProbe, {2, 0, 0, 0, 0, 1});
