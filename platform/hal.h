@@ -25,7 +25,12 @@ struct hal_mac_entry {
  */
 int hal_init(int client);
 
-/* 1: frames of the gateway's ethertype reach the processor; 0: they are stopped. 0, or -1. */
+/*
+ * 1: frames of the gateway's ethertype reach the processor; 0: they are stopped. Returns 0, or -1.
+ * Before thread_main has applied the saved configuration an opening is only noted, with 0; the last
+ * one is passed on after that, unless a closing followed. A closing takes effect at once. What
+ * came in before may still wait at the daemon's sockets.
+ */
 int hal_qel_enable(int enable);
 
 /*

@@ -50,7 +50,10 @@ void* funcname_thread_add_timer(struct thread_master* master, thread_func func, 
 /* Binds `count` signals to their handlers. The table is read during the call only. */
 void signal_init(struct thread_master* master, int count, const struct loop_signal* signals);
 
-/* Runs callbacks for ever; returns only when the loop itself fails. */
+/*
+ * Runs callbacks for ever; returns only when the loop itself fails. Before the first callback it
+ * has the saved configuration applied (host_init in vty.h).
+ */
 void thread_main(struct thread_master* master);
 
 #ifdef __cplusplus

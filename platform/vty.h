@@ -87,8 +87,9 @@ int vty_out(struct vty* vty, const char* format, ...) __attribute__((format(prin
 const char* vty_newline(const struct vty* vty);
 
 /*
- * Has the saved configuration of the daemon applied, command by command, on the first turn of the
- * event loop: what the operator saved so has the last word over the defaults of start-up.
+ * Has the saved configuration of the daemon applied, command by command, by thread_main before it
+ * runs any callback: what the operator saved has the last word over the defaults of start-up, and
+ * nothing that waits at a socket is read before it.
  * `protocols` is a bit set of the platform's daemons, `flags` is 0.
  */
 void host_init(unsigned protocols, int flags);

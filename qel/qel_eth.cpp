@@ -117,7 +117,9 @@ int qel_eth_read(struct thread* thread) {
   message.msg_control = said;
   message.msg_controllen = sizeof said;
   const ssize_t received = qel_os_recvmsg(fd, &message);
-  if (received > 0 && !tag_beside(&message)) {
+  // The platform stops the frames of an agent that is switched off; those that came in before it
+  // did still wait here.
+  if (received > 0 && g_qel_dev.enable != 0 && !tag_beside(&message)) {
     link.fd = fd;
     qel_eth_parse(&link, {buffer, static_cast<size_t>(received)});
   }

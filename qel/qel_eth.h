@@ -17,7 +17,7 @@
 int qel_eth_open();
 
 // Read callback ("qel_eth_read"): receives one frame, registers itself again whatever happened. A
-// frame that carries the tag of a VLAN is dropped.
+// frame that carries the tag of a VLAN, or comes while the agent is switched off, is dropped.
 int qel_eth_read(struct thread* thread);
 
 // Checks one frame and dispatches its text. `link` has `fd` set, holds in the address where the

@@ -81,7 +81,7 @@ int qel_udp_read(struct thread* thread) {
   link.addrlen = kQelUdpAddrlen;
   socklen_t length = link.addrlen;
   const ssize_t received = qel_os_recvfrom(fd, buffer, kReceiveSize, &link.addr.any, &length);
-  if (received > 0) {
+  if (received > 0 && g_qel_dev.enable != 0) {
     buffer[received] = '\0';
     link.addrlen = length;
     link.fd = fd;

@@ -17,6 +17,7 @@ void qel_udp_init();
 int qel_udp_open();
 
 // Read callback ("qel_udp_read"): receives one datagram, registers itself again whatever happened.
+// A datagram that comes while the agent is switched off is dropped.
 int qel_udp_read(struct thread* thread);
 
 // Fills a link for sending to a gateway at IPv4 address `ip` (host byte order) on the gateway's UDP

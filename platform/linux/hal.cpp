@@ -13,6 +13,7 @@
 
 #include "platform/linux/fd.h"
 #include "platform/linux/json.h"
+#include "platform/linux/loop_internal.h"
 #include "platform/linux/morva_call.h"
 #include "platform/linux/paths.h"
 #include "platform/log.h"
@@ -119,6 +120,20 @@ int hold_client(int client) {
   return 0;
 }
 
+// An opening waits for the saved configuration, which may say the opposite.
+bool opening_waits = false;
+
+int tell_gate(bool open) {
+  return morva_tell("hal", "qel_enable", number_object("enable", open ? 1 : 0));
+}
+
+void open_at_last() {
+  if (opening_waits) {
+    opening_waits = false;
+    tell_gate(true);
+  }
+}
+
 }  // namespace
 
 // The agent attaches before it waits for the rest of the switch, so it is no failure here that
@@ -137,7 +152,12 @@ int hal_init(int client) {
 }
 
 int hal_qel_enable(int enable) {
-  return morva_tell("hal", "qel_enable", number_object("enable", enable != 0 ? 1 : 0));
+  opening_waits = enable != 0 && !loop_configured();
+  if (opening_waits) {
+    loop_at_start(StartStep::kConfigured, open_at_last);
+    return 0;
+  }
+  return tell_gate(enable != 0);
 }
 
 int hal_mac_get(hal_mac_entry* entries, uint32_t start, uint32_t batch, uint32_t select,

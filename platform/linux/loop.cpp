@@ -29,6 +29,19 @@ bool in_callback = false;
 registration* running = nullptr;  // the one whose callback runs, unless that took it out
 bool wanted_again = false;        // it has registered itself once more
 
+constexpr size_t kStartSteps = 2;
+void (*at_start[kStartSteps])() = {};  // by StartStep
+bool configured = false;
+
+void run_start_step(StartStep step) {
+  void (*&func)() = at_start[static_cast<size_t>(step)];
+  void (*const once)() = func;
+  func = nullptr;
+  if (once != nullptr) {
+    once();
+  }
+}
+
 void run(const registration& entry) {
   thread record = {entry.master, entry.arg, entry.fd};
   in_callback = true;
@@ -123,6 +136,14 @@ void loop_new_turn() {
   ++turns;
 }
 
+void loop_at_start(StartStep step, void (*func)()) {
+  at_start[static_cast<size_t>(step)] = func;
+}
+
+bool loop_configured() {
+  return configured;
+}
+
 thread_master* thread_master_create(void) {
   event_set_log_callback(log_from_libevent);
   event_config* config = event_config_new();
@@ -178,5 +199,9 @@ void signal_init(thread_master* master, int count, const loop_signal* signals) {
 }
 
 void thread_main(thread_master* master) {
+  run_start_step(StartStep::kConfigure);
+  configured = true;
+  run_start_step(StartStep::kConfigured);
   event_base_loop(master->base, EVLOOP_NO_EXIT_ON_EMPTY);
+  configured = false;
 }

@@ -19,4 +19,17 @@ unsigned long loop_turn();
 // on it has another number.
 void loop_new_turn();
 
+// What thread_main does, in this order, before it runs the first callback.
+enum class StartStep {
+  kConfigure,   // the saved configuration is applied
+  kConfigured,  // what had to wait for it is done
+};
+
+// Has thread_main call `func` at `step`, once. One function for each step: a later one takes the
+// place of the one before.
+void loop_at_start(StartStep step, void (*func)());
+
+// Whether thread_main is beyond StartStep::kConfigure.
+bool loop_configured();
+
 #endif  // MORVA_LINUX_LOOP_INTERNAL_H

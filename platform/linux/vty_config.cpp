@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "platform/linux/fd.h"
+#include "platform/linux/loop_internal.h"
 #include "platform/linux/paths.h"
 #include "platform/linux/vty_internal.h"
 #include "platform/log.h"
@@ -134,9 +135,8 @@ int read_file(const std::string& path, std::string& text) {
   return 0;
 }
 
-int load_in_loop(struct thread* /*thread*/) {
+void load_at_start() {
   config_load();
-  return 0;
 }
 
 }  // namespace
@@ -214,10 +214,10 @@ int vty_config_write_file() {
 
 void host_init(unsigned /*protocols*/, int /*flags*/) {
   // The daemon is still starting, and sets its state to what a switch without configuration has.
-  // The saved configuration is an operator's word against that, so it comes after: first in the
-  // loop. There is one file for the one daemon, whatever set of daemons it belongs to.
-  funcname_thread_add_timer(morva::shell::server_loop(), morva::shell::load_in_loop, nullptr, 0,
-                            "host_init", "platform/linux/vty_config", __LINE__);
+  // The saved configuration is an operator's word against that, so it comes after, but before
+  // anybody from outside is heard. There is one file for the one daemon, whatever set of daemons it
+  // belongs to.
+  loop_at_start(StartStep::kConfigure, morva::shell::load_at_start);
 }
 
 int pid_output(const char* path) {

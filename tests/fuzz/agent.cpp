@@ -130,6 +130,7 @@ void fuzz_agent_replies(std::string_view text) {
 void fuzz_agent_expect_alive() {
   serve_again();
   fake::clear_records();
+  g_qel_dev.enable = 1;  // the input may have switched the agent off
   fake::receive_frame(g_qel_dev.eth_fd, frame_of(kProbe));
   fake::run_reads();
   if (fake::sent().size() != 1) {

@@ -171,7 +171,7 @@ def test_an_agent_that_is_disabled_is_out_of_the_gateways_reach(make_lab, board)
     wait_until(lambda: None not in (now := (lab.pid("morvad"), lab.pid("qel"))) and now != before, "the restart")
     wait_until(lambda: lab.log("qel").count(" starting") == 2, "the agent's start")
     wait_until(lambda: lab.switch("test", "-S", "/var/run/qel.vty", check=False).returncode == 0, "the shell")
-    shell(lab)  # is answered after the first turn of the agent's loop, which applied the file
+    shell(lab)  # is answered after the agent has applied the file
     stopped(lab, 102)
 
     shell(lab, "qel enable")

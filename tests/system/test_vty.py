@@ -99,7 +99,7 @@ def test_disable_write_restart_still_disabled(make_lab):
     lab.morvactl("restart")
     wait_until(lambda: lab.pid("qel") not in (None, pid), "the restart")
     wait_until(lambda: lab.switch("test", "-S", "/var/run/qel.vty", check=False).returncode == 0, "the shell")
-    # The shell answers only after the first turn of the agent's loop, which applied the file.
+    # The shell answers only after the agent has applied the file.
     _, config, _ = operate(lab, ["enable\r", "qel# "], ["show running-config\r", "qel# "], ["exit\r", ""])
     assert "\r\nqel disable\r\n!\r\n" in config
     assert frames_to_cpu(lab) == 0

@@ -397,6 +397,17 @@ TEST_F(EthFrameTest, ReadIsRegisteredAgainAfterAnEmptyRead) {
   expect_alive();
 }
 
+TEST_F(EthFrameTest, SwitchedOffAgentReadsFramesAndDropsThem) {
+  g_qel_dev.enable = 0;
+  receive_raw(gateway_frame(kProbe));
+  receive_raw(gateway_frame(kProbe));
+  EXPECT_THAT(fake::sent(), IsEmpty());
+  g_qel_dev.enable = 1;
+  fake::run_reads();
+  EXPECT_THAT(fake::sent(), IsEmpty());
+  expect_alive();
+}
+
 TEST_F(EthFrameTest, TextOf1568BytesIsReadWhole) {
   receive(probe_of_size(kTextMost));
   EXPECT_THAT(fake::sent(), SizeIs(1));

@@ -106,6 +106,7 @@ AgentTest::~AgentTest() {
 void AgentTest::start() {
   qel_table_dev_init();
   qel_dev_init();
+  g_qel_dev.enable = 1;
   fake::clear_records();
 }
 

@@ -107,6 +107,16 @@ TEST_F(UdpLinkTest, MessageIsAnsweredByOneBareDatagramToItsSender) {
   EXPECT_THAT(answer.bytes, EndsWith(bytes("}}\0")));
 }
 
+TEST_F(UdpLinkTest, SwitchedOffAgentReadsDatagramsAndDropsThem) {
+  g_qel_dev.enable = 0;
+  receive_datagram(kProbe);
+  EXPECT_THAT(fake::sent(), IsEmpty());
+  g_qel_dev.enable = 1;
+  fake::run_reads();
+  EXPECT_THAT(fake::sent(), IsEmpty());
+  expect_alive();
+}
+
 TEST_F(UdpLinkTest, LongTextIsOneDatagramToo) {
   qel_link link = udp_link("10.1.2.3", 20681);
   fake::clear_records();

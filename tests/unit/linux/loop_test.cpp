@@ -299,6 +299,33 @@ TEST(LoopTest, SignalsComeFromTheLoopEachTime) {
   }
 }
 
+std::string order;  // in which things were done
+
+int note_and_leave(thread* thread) {
+  order += "callback ";
+  leave(thread->master);
+  return 0;
+}
+
+TEST(LoopTest, StartStepsRunOnceInOrderBeforeTheFirstCallback) {
+  thread_master* master = new_loop();
+  Pipe pipe;
+  ASSERT_EQ(1, write(pipe.writer(), "a", 1));
+  funcname_thread_add_read(master, note_and_leave, nullptr, pipe.reader(), "note", "loop_test", 1);
+  loop_at_start(StartStep::kConfigured,
+                [] { order += loop_configured() ? "configured " : "early "; });
+  loop_at_start(StartStep::kConfigure, [] { order += loop_configured() ? "late " : "configure "; });
+  order.clear();
+  EXPECT_FALSE(loop_configured());
+  thread_main(master);
+  EXPECT_EQ("configure configured callback ", order);
+
+  funcname_thread_add_read(master, note_and_leave, nullptr, pipe.reader(), "note", "loop_test", 1);
+  order.clear();
+  thread_main(master);
+  EXPECT_EQ("callback ", order);
+}
+
 int daemon_pipe;
 
 int echo(thread* thread) {

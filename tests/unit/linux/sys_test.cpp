@@ -4,14 +4,18 @@
 // good.
 #include "platform/sys.h"
 
+#include <event2/event.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "platform/firmware.h"
 #include "platform/hal.h"
+#include "platform/linux/loop_internal.h"
+#include "platform/loop.h"
 #include "tests/unit/linux/support.h"
 
 namespace {
@@ -155,19 +159,81 @@ TEST_F(SysTest, FailuresAreLoggedWhenTheyBeginAndEnd) {
 
 // --- hardware
 
+constexpr char kOpen[] = R"({"mdl":"hal","cmd":"qel_enable","data":{"enable":1}})";
+constexpr char kShut[] = R"({"mdl":"hal","cmd":"qel_enable","data":{"enable":0}})";
+
+// What the test's own callback does in the loop; afterwards the loop is left.
+std::function<void()> the_callback;
+
+int call_and_leave(thread* thread) {
+  the_callback();
+  event_base_loopbreak(thread->master->base);
+  return 0;
+}
+
+void run_loop(std::function<void()> callback) {
+  static thread_master* const master = thread_master_create();
+  the_callback = std::move(callback);
+  funcname_thread_add_timer(master, call_and_leave, nullptr, 0, "test", "sys_test", 1);
+  thread_main(master);
+}
+
 TEST_F(SysTest, HardwareSwitches) {
   FakeModule hal("hal", R"({"ret":0})");
   EXPECT_EQ(0, hal_init(23));
   EXPECT_EQ(R"({"mdl":"hal","cmd":"init","data":{"client":23}})", hal.request());
-  EXPECT_EQ(0, hal_qel_enable(1));
-  EXPECT_EQ(R"({"mdl":"hal","cmd":"qel_enable","data":{"enable":1}})", hal.request());
-  EXPECT_EQ(0, hal_qel_enable(0));
-  EXPECT_EQ(R"({"mdl":"hal","cmd":"qel_enable","data":{"enable":0}})", hal.request());
+  run_loop([&] {
+    EXPECT_EQ(0, hal_qel_enable(1));
+    EXPECT_EQ(kOpen, hal.request());
+    EXPECT_EQ(0, hal_qel_enable(0));
+    EXPECT_EQ(kShut, hal.request());
+  });
 }
 
 TEST_F(SysTest, HardwareThatIsNotThere) {
   EXPECT_EQ(0, hal_init(23));
-  EXPECT_EQ(-1, hal_qel_enable(1));
+  run_loop([] { EXPECT_EQ(-1, hal_qel_enable(1)); });
+}
+
+// A module "hal" that notes what it is told.
+class GateModule {
+ public:
+  std::vector<std::string> told;
+
+ private:
+  FakeModule hal_{"hal", [this](int fd) {
+                    told.push_back(hal_.read_request(fd));
+                    send_text(fd, R"({"ret":0})");
+                  }};
+};
+
+TEST_F(SysTest, OpeningAtStartWaitsForTheLoop) {
+  GateModule hal;
+  EXPECT_EQ(0, hal_qel_enable(1));
+  EXPECT_TRUE(hal.told.empty());
+  run_loop([&] { EXPECT_EQ(std::vector<std::string>{kOpen}, hal.told); });
+}
+
+TEST_F(SysTest, ClosingAtStartTakesEffectAtOnceAndStays) {
+  GateModule hal;
+  EXPECT_EQ(0, hal_qel_enable(1));
+  EXPECT_EQ(0, hal_qel_enable(0));
+  EXPECT_EQ(std::vector<std::string>{kShut}, hal.told);
+  run_loop([&] { EXPECT_EQ(std::vector<std::string>{kShut}, hal.told); });
+}
+
+TEST_F(SysTest, OpeningAfterAClosingAtStartComesLast) {
+  GateModule hal;
+  EXPECT_EQ(0, hal_qel_enable(0));
+  EXPECT_EQ(0, hal_qel_enable(1));
+  run_loop([&] { EXPECT_EQ((std::vector<std::string>{kShut, kOpen}), hal.told); });
+}
+
+TEST_F(SysTest, SavedDisableNeverOpensTheGate) {
+  GateModule hal;
+  EXPECT_EQ(0, hal_qel_enable(1));
+  loop_at_start(StartStep::kConfigure, [] { hal_qel_enable(0); });
+  run_loop([&] { EXPECT_EQ(std::vector<std::string>{kShut}, hal.told); });
 }
 
 int get_macs(hal_mac_entry* entries, uint32_t start, uint32_t batch, uint32_t* count) {

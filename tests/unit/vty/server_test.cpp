@@ -394,12 +394,28 @@ TEST_F(ServerTest, OtherWorkGoesOnWhileOneClientSendsMuch) {
   EXPECT_GE(turns, 100) << "more than one command in a turn";
 }
 
-TEST_F(ServerTest, TheSavedConfigurationIsAppliedOnTheFirstTurn) {
+int seen_state;
+
+int see_state_and_leave(thread* thread) {
+  seen_state = vtytest::enabled();
+  event_base_loopbreak(thread->master->base);
+  return 0;
+}
+
+TEST_F(ServerTest, SavedConfigurationIsAppliedBeforeAnyCallback) {
   root_.write("/var/conf/qel.conf", "qel disable\n!\n");
+  // What is readable already is heard before any timer.
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  ASSERT_EQ(write(ends[1], "x", 1), 1);
+  funcname_thread_add_read(master_, see_state_and_leave, nullptr, ends[0], "see", "server_test", 1);
   host_init(0x28000, 0);
   EXPECT_EQ(vtytest::enabled(), 1);
-  turn();
-  EXPECT_EQ(vtytest::enabled(), 0);
+  seen_state = -1;
+  thread_main(master_);
+  EXPECT_EQ(seen_state, 0);
+  close(ends[0]);
+  close(ends[1]);
 }
 
 }  // namespace
