@@ -60,7 +60,9 @@ const char* qel_client_type_name(int code) {
 }
 
 size_t qel_json_ports_client(const struct uif* uif, qel_text& out) {
-  const qel_port* port = qel_port_of(uif);
+  static constexpr qel_port kNoRecord = {};
+  const qel_port* record = qel_port_of(uif);
+  const qel_port* port = record != nullptr ? record : &kNoRecord;
   size_t type = kIndexUnknown;
   qel_json_update_head(out, "ports_client");
   out.put('"');

@@ -22,7 +22,8 @@ uint8_t qel_client_type_classify(const char* text);
 // The long name of a type code; "err" for a code that does not exist. Nobody calls it.
 const char* qel_client_type_name(int code);
 
-// Writes the client report of one physical port. Returns its length, closing NUL not counted.
+// Writes the client report of one physical port; a port without a record has no client. Returns its
+// length, closing NUL not counted.
 size_t qel_json_ports_client(const struct uif* uif, qel_text& out);
 
 // Six bytes as 12 lower-case hexadecimal digits, in one static buffer that the next call reuses.

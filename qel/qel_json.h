@@ -87,6 +87,7 @@ size_t qel_json_update_config_msg(qel_text& out, const cJSON* request);
 size_t qel_json_update_ports_msg(qel_text& out, const cJSON* request);
 size_t qel_json_update_status_msg(qel_text& out, const cJSON* request);
 
-// The link-speed code of a speed in Mbit/s, and the role code of a port. Return 0.
+// The link-speed code of a speed in Mbit/s, and the role code of an interface; one without a record
+// is disabled, mirrored or of no role. Return 0.
 int qel_mono_speed_code(int32_t speed, int* out_code);
 int qel_mono_port_role(const struct uif* uif, int* out_role);

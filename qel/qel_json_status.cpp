@@ -119,11 +119,11 @@ int qel_mono_port_role(const struct uif* uif, int* out_role) {
   const qel_port* port = qel_port_of(uif);
   if ((uif->flags & UIF_FLAG_DISABLED) != 0) {
     *out_role = kRoleDisable;  // whatever else holds
-  } else if (port->blocked != 0) {
+  } else if (port != nullptr && port->blocked != 0) {
     *out_role = kRoleBlock;
-  } else if (port->neighbour_type == kQelClientSwitch) {
+  } else if (port != nullptr && port->neighbour_type == kQelClientSwitch) {
     *out_role = kRoleUplink;
-  } else if (static_cast<int32_t>(port->power) > 0) {
+  } else if (port != nullptr && static_cast<int32_t>(port->power) > 0) {
     *out_role = kRolePoe;
   } else if (uif->mirror != 0) {
     *out_role = kRoleMirror;

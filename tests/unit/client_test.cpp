@@ -109,6 +109,13 @@ INSTANTIATE_TEST_SUITE_P(
         Kind{"Formats", "%s%n Switch %n", 1, "sysdescr[i].sysdescr = Switch \r\n"}),
     [](const auto& row) { return row.param.name; });
 
+TEST_F(ClientTest, PortThatCameAfterTheStartHasNoClient) {
+  fake::add_port("late");
+  EXPECT_EQ(report("late"),
+            R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"ports_client","data":{"late":)"
+            R"({"client_state":"NONE","client_mac":"","client_ip":"","client_type":"UN"}}})");
+}
+
 TEST_F(ClientTest, LongNamesOfTheKinds) {
   EXPECT_STREQ(qel_client_type_name(0), "unknow");
   EXPECT_STREQ(qel_client_type_name(1), "switch");

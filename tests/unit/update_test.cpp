@@ -159,6 +159,18 @@ TEST_F(UpdateTest, EachRoleAloneIsFound) {
   EXPECT_EQ(role("ge5"), 5);
 }
 
+TEST_F(UpdateTest, RoleOfWhatHasNoRecordIsThatOfTheInterface) {
+  start_with(1);
+  fake::add_port("ge2");  // came after the start
+  for (const char* name : {"ge2", "vlanif1"}) {
+    EXPECT_EQ(role(name), 0) << name;
+    uif(name)->mirror = 1;
+    EXPECT_EQ(role(name), 3) << name;
+    uif(name)->flags = 1;
+    EXPECT_EQ(role(name), 5) << name;
+  }
+}
+
 TEST_F(UpdateTest, NeighbourThatIsNoSwitchMakesNoUplink) {
   start_with(1);
   for (const int type : {0, 2, 3, 255}) {
