@@ -113,13 +113,12 @@ int qel_cmd_handle_port_restart(qel_link* /*link*/, const cJSON* root, const cha
   }
   const char* name = member->string;
   const int32_t delay = member->valueint;
-  const struct uif* uif = name != nullptr ? uif_get_by_name(name) : nullptr;
-  if (uif != nullptr) {
+  // Only the record's countdown brings an interface back: one without a record stays up.
+  qel_port* port = qel_port_of(uif_get_by_name(name));
+  if (port != nullptr) {
     qel_cmd_port_enable_update(name, 0);
-    if (qel_port* port = qel_port_of(uif); port != nullptr) {
-      // Eight bits: 300 seconds are 44, and 0 or 256 leave the port down until it is enabled.
-      port->restart_left = static_cast<uint8_t>(delay);
-    }
+    // Eight bits: 300 seconds are 44, and 0 or 256 leave the port down until it is enabled.
+    port->restart_left = static_cast<uint8_t>(delay);
   }
   qel_console("%s,%d string[%s] valueint[%d] \r\n", __func__, kLineRestart, text_or_null(name),
               delay);
