@@ -13,7 +13,7 @@ import pytest
 
 from gateway import frame, message
 from kernelkit import KernelLab, own_memory
-from labkit import wait_until
+from labkit import PYTHON, wait_until
 
 CAPABLE = os.geteuid() == 0
 
@@ -405,6 +405,17 @@ def test_storms_of_flaps_and_removals_leave_nothing_behind():
 
 
 # --- without a lab --------------------------------------------------------------------------------
+
+
+def test_a_board_of_a_host_with_an_odd_name_is_a_board(lab):
+    """The kernel takes any bytes for a host's name; a board file does not."""
+    script = (
+        "import os, socket\n"
+        "socket.sethostname('attic\"},\\n\\\\\\x7f-sw')\n"
+        "os.execvp('morvactl', ['morvactl', 'board', '--from-bridge', 'vlanif1'])\n"
+    )
+    text = lab.switch("unshare", "--uts", PYTHON, "-c", script).stdout
+    assert json.loads(text)["nvram"]["product_description"] == "attic},-sw"
 
 
 def test_a_board_is_made_from_a_bridge(lab):

@@ -87,6 +87,13 @@ json port_row(const std::string& interface, int number) {
           {"interface", interface}};
 }
 
+/// What the host says of itself, as far as a board file may hold it.
+std::string plain(const char* text) {
+  std::string kept = text;
+  std::erase_if(kept, [](char c) { return !morvad::is_plain({&c, 1}); });
+  return kept;
+}
+
 }  // namespace
 
 std::string board_from_bridge(const std::string& bridge) {
@@ -113,8 +120,8 @@ std::string board_from_bridge(const std::string& bridge) {
                                    {{"product_sn", serial},
                                     {"product_hw_ver", "1"},
                                     {"product_model", "LINUX-BRIDGE"},
-                                    {"firmware_ver", host.release},
-                                    {"product_description", host.nodename},
+                                    {"firmware_ver", plain(host.release)},
+                                    {"product_description", plain(host.nodename)},
                                     {"have_poe", "0"}}},
                                   {"ports", std::move(ports)}};
   return board.dump(2, ' ', false, json::error_handler_t::replace) + "\n";

@@ -356,8 +356,8 @@ void read_nvram(const Node& node, Board& board) {
       value.fail("expected a key of 1 to 63 letters, digits, dots, dashes or underscores");
     }
     const std::string text = value.text();
-    if (!is_setting_value(text)) {
-      value.fail("expected at most 255 bytes without control characters");
+    if (!is_setting_value(text) || !is_plain(text)) {
+      value.fail("expected at most 255 bytes without control characters, quotes and backslashes");
     }
     board.nvram.emplace_back(key, text);
   }

@@ -92,8 +92,9 @@ void port_reboot_set_all(Context& context, const Request& request, std::string& 
 
 void product_description_set(Context& context, const Request& request, std::string& out) {
   const std::string description = text_member(request.payload, "descr");
-  if (description.size() > kDescriptionMax || !is_printable(description)) {
-    throw Refused("descr: expected at most 63 bytes without control characters");
+  if (description.size() > kDescriptionMax || !is_plain(description)) {
+    throw Refused(
+        "descr: expected at most 63 bytes without control characters, quotes and backslashes");
   }
   store_or_refuse(context, {{"product_description", description}});
   answer(out);

@@ -44,8 +44,9 @@ void info_get(Context& context, const Request&, std::string& out) {
 
 void info_set(Context& context, const Request& request, std::string& out) {
   const std::string name = text_member(request.payload, "name");
-  if (name.size() >= SYS_NAME_SIZE || !is_printable(name)) {
-    throw Refused("name: expected at most 63 bytes without control characters");
+  if (name.size() >= SYS_NAME_SIZE || !is_plain(name)) {
+    throw Refused(
+        "name: expected at most 63 bytes without control characters, quotes and backslashes");
   }
   store_or_refuse(context, {{kNameKey, name}});
   answer(out);

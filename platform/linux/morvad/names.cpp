@@ -76,6 +76,10 @@ bool is_printable(std::string_view text) {
   });
 }
 
+bool is_plain(std::string_view text) {
+  return is_printable(text) && text.find_first_of("\"\\") == text.npos;
+}
+
 bool is_setting_value(std::string_view text) {
   return text.size() <= 255 && is_printable(text);
 }

@@ -34,6 +34,10 @@ bool is_setting_value(std::string_view text);
 /// True when no byte is below 0x20 or 0x7f.
 bool is_printable(std::string_view text);
 
+/// True when the text stands for itself inside a JSON string: printable, no quote, no backslash.
+/// The agent writes settings of the identity into its messages as they are.
+bool is_plain(std::string_view text);
+
 /// Dotted decimal IPv4 address that a host can have: not network 0, not loopback, and below the
 /// multicast addresses.
 bool is_host_address(const std::string& text);

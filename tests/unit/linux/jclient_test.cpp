@@ -60,7 +60,10 @@ TEST_F(JclientTest, NamesThatAreNoModules) {
   for (const char* request :
        {R"({"mdl":"","cmd":"x"})", R"({"mdl":"../../tmp/x","cmd":"x"})", R"({"mdl":"Mono"})",
         R"({"mdl":"mo no"})", R"({"mdl":"mono\u0000"})", R"({"mdl":7})", R"({"cmd":"x"})", "", "[]",
-        "mono", R"({"mdl":"abcdefghijklmnopqrstuvwxyz0123456"})", R"({"mdl":"mono)"}) {
+        "mono", R"({"mdl":"abcdefghijklmnopqrstuvwxyz0123456"})", R"({"mdl":"mono)",
+        R"({"mdl":".."})", R"({"mdl":"/tmp/x"})", R"({"mdl":"x/../y"})",
+        R"({"cmd":"x","mdl":"../../tmp/x"})",
+        R"({"cmd":"x","mdl":"abcdefghijklmnopqrstuvwxyz0123456"})"}) {
     EXPECT_EQ(-1, query(request)) << request;
   }
   expect_untouched();

@@ -161,7 +161,14 @@ TEST(Board, NamesFileKeyAndExpectation) {
        "b.json: management.mask: expected a whole number from 0 to 32"},
       {with("/nvram/have_poe", 1), "b.json: nvram.have_poe: expected a text"},
       {with("/nvram/have_poe", "a\nb"),
-       "b.json: nvram.have_poe: expected at most 255 bytes without control characters"},
+       "b.json: nvram.have_poe: expected at most 255 bytes without control characters, quotes and "
+       "backslashes"},
+      {with("/nvram/product_description", "a\"b"),
+       "b.json: nvram.product_description: expected at most 255 bytes without control characters, "
+       "quotes and backslashes"},
+      {with("/nvram/product_description", "a\\"),
+       "b.json: nvram.product_description: expected at most 255 bytes without control characters, "
+       "quotes and backslashes"},
       {with("/port_defaults/iso", 2),
        "b.json: port_defaults.iso: expected a whole number from 0 to 1"},
       {"[]", "b.json: top level: expected an object"},

@@ -28,6 +28,8 @@ def broken(board):
     yield change("seven oem words", lambda b: b["oem"].pop())
     yield change("number as a setting", lambda b: b["nvram"].update(have_poe=1))
     yield change("control byte in a setting", lambda b: b["nvram"].update(product_sn="a\nb"))
+    yield change("quote in a setting", lambda b: b["nvram"].update(product_sn='a"b'))
+    yield change("backslash in a setting", lambda b: b["nvram"].update(product_sn="a\\b"))
     yield change("bad setting key", lambda b: b["nvram"].update({"a b": "1"}))
     yield change("ip without mask", lambda b: b["management"].pop("mask"))
     yield change("other interface", lambda b: b["management"].update(interface="eth0"))

@@ -199,14 +199,17 @@ TEST_F(ModulesTest, ProductDescription) {
               kDone);
     EXPECT_EQ(settings->text("product_description"), name);
   }
-  EXPECT_EQ(command(kMono, "product_description_set", R"({"descr":"a\"b\\c=%n\u00e4"})"), kDone);
-  EXPECT_EQ(settings->text("product_description"), "a\"b\\c=%n\xc3\xa4");
-  const std::string why = refused("descr: expected at most 63 bytes without control characters");
+  EXPECT_EQ(command(kMono, "product_description_set", R"({"descr":"a'b/c=%n\u00e4"})"), kDone);
+  EXPECT_EQ(settings->text("product_description"), "a'b/c=%n\xc3\xa4");
+  const std::string why = refused(
+      "descr: expected at most 63 bytes without control characters, quotes and backslashes");
   EXPECT_EQ(command(kMono, "product_description_set", R"({"descr":")" + longest + "x\"}"), why);
   EXPECT_EQ(command(kMono, "product_description_set", R"({"descr":"a\nb"})"), why);
   EXPECT_EQ(command(kMono, "product_description_set", R"({"descr":"a\u0000b"})"), why);
   EXPECT_EQ(command(kMono, "product_description_set", R"({"descr":"a\u007fb"})"), why);
-  EXPECT_EQ(settings->text("product_description"), "a\"b\\c=%n\xc3\xa4");
+  EXPECT_EQ(command(kMono, "product_description_set", R"({"descr":"a\"b"})"), why);
+  EXPECT_EQ(command(kMono, "product_description_set", R"({"descr":"a\\"})"), why);
+  EXPECT_EQ(settings->text("product_description"), "a'b/c=%n\xc3\xa4");
 }
 
 // --- poe --------------------------------------------------------------------------------------
@@ -484,10 +487,17 @@ TEST_F(ModulesTest, SystemIdentity) {
             R"({"ret":0,"data":{"words":[1,0,0,4294967295,0,0,0,8]}})");
   EXPECT_EQ(ask(kSys, R"({"mdl":"sys","cmd":"info_get"})"),
             R"({"ret":0,"data":{"name":"office-sw"}})");
+  constexpr char kWhyNoName[] =
+      "name: expected at most 63 bytes without control characters, quotes and backslashes";
   EXPECT_EQ(command(kSys, "info_set", R"({"name":"other"})"), kDone);
   EXPECT_EQ(ask(kSys, R"({"mdl":"sys","cmd":"info_get"})"), R"({"ret":0,"data":{"name":"other"}})");
   EXPECT_EQ(command(kSys, "info_set", R"({"name":")" + std::string(64, 'x') + "\"}"),
-            refused("name: expected at most 63 bytes without control characters"));
+            refused(kWhyNoName));
+  for (const char* name : {"a\\nb", R"(a\"b)", R"(a\\)"}) {
+    EXPECT_EQ(command(kSys, "info_set", R"({"name":")" + std::string(name) + "\"}"),
+              refused(kWhyNoName));
+  }
+  EXPECT_EQ(settings->text("sys_name"), "other");
 }
 
 TEST_F(ModulesTest, RestartTakesTheAskingProcessAlong) {
