@@ -32,7 +32,7 @@ enum {
 struct uif {
   uint32_t index;           /* non-zero top byte: a physical switch port */
   void* info;               /* the daemon's own data; NULL until the daemon sets it */
-  char name[UIF_NAME_SIZE]; /* "ge1", "vlanif1"; NUL-terminated */
+  char name[UIF_NAME_SIZE]; /* "ge1", "vlanif1"; NUL-terminated; no '"', '\' or control byte */
   int32_t port_no;          /* the port's number, from 1; 0 for other interfaces */
   int32_t speed_class;      /* UIF_CLASS_... */
   int32_t medium;           /* UIF_MEDIUM_... */

@@ -40,8 +40,8 @@ int qel_cmd_handle_port_speed(qel_link* link, const cJSON* root, const char* tex
 int qel_cmd_handle_port_restart(qel_link* link, const cJSON* root, const char* text);
 int qel_cmd_handle_qelipc(qel_link* link, const cJSON* root, const char* text);
 
-// Asks the module "mono" to enable or disable a port, or to set its speed by name. A null name is
-// told on the console and sends nothing. Return 0.
+// Asks the module "mono" to enable or disable a port, or to set its speed by name. A name that is
+// null, or that is not plain text, is reported on the console and sends nothing. Return 0.
 int qel_cmd_port_enable_update(const char* port_name, int32_t enable);
 int qel_cmd_port_speed_update(const char* port_name, const char* speed_name);
 

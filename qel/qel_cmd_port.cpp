@@ -38,9 +38,12 @@ const char* text_or_null(const char* text) {
 
 using wrapper = int (*)(const char* payload, char* reply);
 
-// `function` is whose payload it is, for the line about one that no message holds.
+// `function` is whose payload it is, for the line about a name that no query may hold.
 int send_port_value(const char* function, const char* port_name, const char* member, int32_t value,
                     wrapper send) {
+  if (!qel_mono_text_ok(function, __LINE__, port_name)) {
+    return 0;
+  }
   static qel_text_area<kQelMessageSize> area;
   qel_text& payload = area.begin();
   payload.put("{\"port\":\"");
@@ -113,6 +116,9 @@ int qel_cmd_handle_port_restart(qel_link* /*link*/, const cJSON* root, const cha
   }
   const char* name = member->string;
   const int32_t delay = member->valueint;
+  if (name != nullptr && !qel_mono_text_ok(__func__, __LINE__, name)) {
+    return 0;
+  }
   // Only the record's countdown brings an interface back: one without a record stays up.
   qel_port* port = qel_port_of(uif_get_by_name(name));
   if (port != nullptr) {
@@ -150,8 +156,10 @@ int qel_cmd_handle_qelipc(qel_link* link, const cJSON* root, const char* /*text*
   const qel_cjson_text printed(inner != nullptr ? cJSON_Print(inner) : nullptr);
   const bool config = cJSON_GetObjectItemInt(data, "cfg_flag") != 0;
   char* reply = qel_mono_reply_area();
-  // A query that names nobody is sent to nobody; its empty reply goes out all the same.
-  if (module != nullptr && command != nullptr) {
+  // A query that names nobody, or nobody that there can be, is sent to nobody; its empty reply goes
+  // out all the same.
+  if (module != nullptr && command != nullptr && qel_mono_text_ok(__func__, __LINE__, module) &&
+      qel_mono_text_ok(__func__, __LINE__, command)) {
     const auto query = config ? qel_mono_query_config : qel_mono_query_data;
     query(printed.get(), module, command, reply);
   }

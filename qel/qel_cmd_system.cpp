@@ -47,8 +47,8 @@ bool is_whole(const qel_text& payload, const char* function, int line) {
   return !payload.overflowed();
 }
 
-// Asks "zebra" to give the management interface another address. The module refuses what is no
-// address; the report shows what holds.
+// Asks "zebra" to give the management interface another address. `wanted` is plain text; the module
+// refuses what is no address, and the report shows what holds.
 void set_address(const char* current, const char* wanted, int32_t mask) {
   static qel_text_area<kBuildSize> area;
   qel_text& payload = area.begin();
@@ -66,22 +66,6 @@ void set_address(const char* current, const char* wanted, int32_t mask) {
   payload.put("\", \"method\":0, \"gateway\":\"\"}]");
   if (is_whole(payload, "qel_cmd_handle_sys_ip", __LINE__)) {
     qel_mono_l3if_set(payload.c_str(), qel_mono_reply_area());
-  }
-}
-
-// Writes `text` as the inside of a JSON string.
-void put_escaped(qel_text& out, const char* text) {
-  constexpr unsigned char kFirstPrintable = 0x20;
-  for (; *text != '\0'; ++text) {
-    const auto byte = static_cast<unsigned char>(*text);
-    if (byte == '"' || byte == '\\') {
-      out.put('\\');
-      out.put(*text);
-    } else if (byte < kFirstPrintable) {
-      out.printf("\\u%04x", byte);
-    } else {
-      out.put(*text);
-    }
   }
 }
 
@@ -120,7 +104,9 @@ int qel_cmd_handle_sys_ip(qel_link* link, const cJSON* root, const char* /*text*
     qel_console("Set the same ip[%s] ipstr[%s]\n", current, wanted);
     return 0;
   }
-  set_address(current, wanted, mask);
+  if (qel_mono_text_ok(__func__, __LINE__, wanted)) {
+    set_address(current, wanted, mask);
+  }
   return send_sys_info(link, 0);
 }
 
@@ -157,14 +143,14 @@ int qel_sys_active(qel_link* /*link*/, const cJSON* root, const char* /*text*/) 
 
 int qel_cmd_handle_name(qel_link* /*link*/, const cJSON* root, const char* /*text*/) {
   const char* name = cJSON_GetObjectItemString(cJSON_GetObjectItem(root, "data"), "name");
-  if (name == nullptr) {
+  // What every later answer would carry must not be able to end its place there.
+  if (name == nullptr || !qel_mono_text_ok(__func__, __LINE__, name)) {
     return 0;
   }
   static qel_text_area<kBuildSize> area;
   qel_text& payload = area.begin();
   payload.put("{\"descr\":\"");
-  // Escaped, so that no name can change what the query asks for.
-  put_escaped(payload, name);
+  payload.put(name);
   payload.put("\"}");
   if (is_whole(payload, __func__, __LINE__)) {
     qel_mono_product_description_set(payload.c_str(), qel_mono_reply_area());

@@ -53,6 +53,14 @@ int64_t largest_uplink(const cJSON* reply) {
   return largest;
 }
 
+// A setting's text. A restored archive may have put anything there, so it is cleaned.
+void set_from_nvram(qel_info place, const char* key) {
+  char area[kQelInfoValueSize];
+  qel_text value(area, sizeof area);
+  value.put_plain(nvram_safe_get(key));
+  qel_devinfo_set(place, "%s", value.c_str());
+}
+
 }  // namespace
 
 qel_info_table g_qel_info;
@@ -72,12 +80,12 @@ void qel_devinfo_set(qel_info place, const char* format, ...) {
 
 int qel_devinfo_init() {
   g_qel_info = qel_info_table{};
-  qel_devinfo_set(qel_info::sn, "%s", nvram_safe_get("product_sn"));
-  qel_devinfo_set(qel_info::hw_ver, "%s", nvram_safe_get("product_hw_ver"));
-  qel_devinfo_set(qel_info::model, "%s", nvram_safe_get("product_model"));
-  qel_devinfo_set(qel_info::version, "%s", nvram_safe_get("firmware_ver"));
+  set_from_nvram(qel_info::sn, "product_sn");
+  set_from_nvram(qel_info::hw_ver, "product_hw_ver");
+  set_from_nvram(qel_info::model, "product_model");
+  set_from_nvram(qel_info::version, "firmware_ver");
   qel_devinfo_set(qel_info::port_count, "%d", qel_mono_get_port_count());
-  qel_devinfo_set(qel_info::device_name, "%s", nvram_safe_get("product_description"));
+  set_from_nvram(qel_info::device_name, "product_description");
   qel_devinfo_set(qel_info::poeoccu, "0");
   qel_devinfo_set(qel_info::check_model, "%s_%s", kModel, kModelVersion);
   return qel_devinfo_refresh();
@@ -85,7 +93,7 @@ int qel_devinfo_init() {
 
 int qel_devinfo_refresh() {
   const long uptime = qel_os_sysinfo_uptime();
-  qel_devinfo_set(qel_info::sysname, "%s", nvram_safe_get("product_description"));
+  set_from_nvram(qel_info::sysname, "product_description");
   char address[kQelIpTextSize] = {};
   qel_netif_ip_get(kQelManagementInterface, address);
   qel_devinfo_set(qel_info::ip, "%s", address);
@@ -190,7 +198,7 @@ int32_t qel_uplink_tx_mb_get() {
 
 int qel_sys_name_set(const char* text) {
   struct sys_info info = {};
-  if (text == nullptr || std::strlen(text) >= sizeof info.name) {
+  if (text == nullptr || std::strlen(text) >= sizeof info.name || !qel_text_is_plain(text)) {
     return 0;
   }
   sys_info_get(&info);

@@ -35,12 +35,13 @@ enum class qel_info : size_t {
 
 struct qel_info_entry {
   char key[kQelInfoKeySize];      // NUL-terminated
-  char value[kQelInfoValueSize];  // NUL-terminated; longer texts are cut
+  char value[kQelInfoValueSize];  // NUL-terminated plain text; longer texts are cut
 };
 using qel_info_table = std::array<qel_info_entry, static_cast<size_t>(qel_info::count)>;
 extern qel_info_table g_qel_info;
 
-// The value text of an entry; sets key and value of an entry (printf style, cut to its size).
+// The value text of an entry; sets key and value of an entry (printf style, cut to its size). What
+// is set goes into messages as it is: the caller sees to it that it is plain (qel_text.h).
 const char* qel_devinfo_value(qel_info place);
 void qel_devinfo_set(qel_info place, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
@@ -79,6 +80,7 @@ int qel_mem_occupancy_now();
 // figure truncated to 32 bits.
 int32_t qel_uplink_tx_mb_get();
 
-// Stores `text` as the system name of the platform; null or 64 characters and more are ignored.
-// Returns 0. Nobody calls it: the gateway's "name" command goes through a module.
+// Stores `text` as the system name of the platform; null, 64 characters and more, and a text that
+// is not plain (qel_text.h) are ignored. Returns 0. Nobody calls it: the gateway's "name" command
+// goes through a module.
 int qel_sys_name_set(const char* text);

@@ -5,6 +5,8 @@
 // message can be, and the sender refuses it.
 //
 // Texts are inserted without JSON escaping: the peers read them as they have always been written.
+// Those that come from outside (settings, a gateway's "file") are written without quotes,
+// backslashes and control bytes; names of interfaces are plain by the platform's contract.
 #pragma once
 
 #include <cstddef>
@@ -30,7 +32,8 @@ size_t qel_json_probe_answer(qel_text& out, const cJSON* msg, int32_t ntick);
 size_t qel_json_pong(qel_text& out, const char* data_text);
 // The "sys_info" report; a negative `result` reports the failure.
 size_t qel_json_sys_info(qel_text& out, int result);
-// The answers to a configuration chunk and to a firmware chunk; `file` null prints nothing.
+// The answers to a configuration chunk and to a firmware chunk; `file` null prints nothing, and of
+// other texts what is plain.
 size_t qel_json_conf_download(qel_text& out, int32_t index, const char* file, int32_t state);
 size_t qel_json_firm_download(qel_text& out, int32_t index, const char* file, int32_t state);
 

@@ -42,7 +42,7 @@ size_t chunk_answer(qel_text& out, const char* subcmd, int32_t index, const char
   out.put(",\"index\":");
   out.put_int(index);
   out.put(",\"file\":\"");
-  out.put(file != nullptr ? file : "");
+  out.put_plain(file != nullptr ? file : "");
   out.put("\"}}");
   return out.length();
 }
@@ -62,7 +62,7 @@ size_t qel_json_probe_answer(qel_text& out, const cJSON* /*msg*/, int32_t ntick)
   out.put("\",\"sys_mask\":");
   out.put_int(qel_netif_prefix_get(kQelManagementInterface));
   out.put(",\"name\":\"");
-  out.put(nvram_safe_get("product_description"));
+  out.put_plain(nvram_safe_get("product_description"));
   out.put("\",\"model\":\"");
   out.put(qel_devinfo_value(qel_info::model));
   out.put("\",\"type\":\"switch\",\"uptime\":");

@@ -220,7 +220,8 @@ size_t qel_json_port_get_poeconf(qel_text& out) {
   const cJSON* element = nullptr;
   cJSON_ArrayForEach(element, cJSON_GetObjectItem(tree.get(), "data")) {
     const char* name = cJSON_GetObjectItemString(element, "name");
-    if (name == nullptr) {
+    // No port has a name that could write members of its own.
+    if (name == nullptr || !qel_text_is_plain(name)) {
       continue;
     }
     start_row(out, rows, name);

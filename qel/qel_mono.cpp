@@ -41,6 +41,15 @@ int send_query(const char* form, const char* payload, const char* module, const 
 
 }  // namespace
 
+bool qel_mono_text_ok(const char* function, int line, const char* text) {
+  if (qel_text_is_plain(text)) {
+    return true;
+  }
+  // Not the text itself: the console would take its control bytes for its own.
+  qel_console("%s,%d unsafe text \r\n", function, line);
+  return false;
+}
+
 char* qel_mono_reply_area() {
   static char reply[JCLIENT_REPLY_SIZE];
   // All of it: a reply that is passed on in two frames takes bytes from behind the text, and those

@@ -10,12 +10,17 @@
 #include "platform/jclient.h"
 #include "qel/qel_cjson.h"
 
+// Whether a text of a message may stand in a query as it is (qel_text_is_plain). One that may not
+// is reported on the console, without the text, in the name of `function` and its `line`.
+bool qel_mono_text_ok(const char* function, int line, const char* text);
+
 // The agent's one reply area (JCLIENT_REPLY_SIZE bytes), all zeros. Valid until the next call: a
 // caller is done with it before it starts anything that queries again.
 char* qel_mono_reply_area();
 
 // Send {"mdl":module,"cmd":command,"data":payload}, or "config" in place of "data". `payload` is
-// JSON text, or null for none; `reply` null wants no answer. A query that does not fit its buffer
+// JSON text, or null for none; `module` and `command` stand in the query as they are, so a caller
+// checks those of a message. `reply` null wants no answer. A query that does not fit its buffer
 // is told on the console and not sent. Return 0 whatever happened: a query without an answer
 // leaves `reply` as it was, and callers see that it does not parse.
 int qel_mono_query_data(const char* payload, const char* module, const char* command, char* reply);

@@ -1,9 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "qel/qel_text.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+
+namespace {
+
+bool is_plain_byte(char c) {
+  constexpr unsigned char kFirstPrintable = 0x20;
+  constexpr unsigned char kDelete = 0x7f;
+  const auto byte = static_cast<unsigned char>(c);
+  return byte >= kFirstPrintable && byte != kDelete && c != '"' && c != '\\';
+}
+
+}  // namespace
 
 qel_text::qel_text(char* area, size_t size) : area_(area), size_(size) {
   area_[0] = '\0';
@@ -44,6 +56,18 @@ void qel_text::put_cut(std::string_view text) {
   length_ += text.size();
 }
 
+void qel_text::put_plain(std::string_view text) {
+  if (qel_text_is_plain(text)) {
+    put(text);
+    return;
+  }
+  for (const char c : text) {
+    if (is_plain_byte(c)) {
+      put(c);
+    }
+  }
+}
+
 void qel_text::put_uint(uint64_t number) {
   if (number < 10) {
     put(static_cast<char>('0' + number));
@@ -75,6 +99,10 @@ void qel_text::put_mac(const uint8_t mac[6]) {
     text[2 * i + 1] = kDigits[mac[i] & 0x0F];
   }
   put(std::string_view(text, sizeof text));
+}
+
+bool qel_text_is_plain(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), is_plain_byte);
 }
 
 void qel_text_clear(char* bytes, size_t size) {

@@ -29,6 +29,9 @@ class qel_text {
     }
     ++length_;
   }
+  // Appends `text` without the bytes that qel_text_is_plain refuses, so that it cannot end the JSON
+  // string that it stands in.
+  void put_plain(std::string_view text);
   void put_int(int64_t number);
   void put_uint(uint64_t number);
   void put_mac(const uint8_t mac[6]);
@@ -51,6 +54,10 @@ class qel_text {
   size_t size_;
   size_t length_ = 0;
 };
+
+// True when `text` stands for itself inside a JSON string: no quote, no backslash, no control byte
+// (below 0x20, or 0x7f). Bytes from 0x80 on pass, whatever they encode.
+bool qel_text_is_plain(std::string_view text);
 
 // Zeroes `size` bytes.
 void qel_text_clear(char* bytes, size_t size);

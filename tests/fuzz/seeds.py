@@ -64,6 +64,13 @@ MESSAGES = [
     '{"mac":"gw","cmd":"update","subcmd":"firm_download","data":{"index":1,"next":0,"length":0,'
     '"total_length":0}}\0',
     '{"mac":"gw","cmd":"update","subcmd":"firm_download","data":"x"}\0',
+    '{"mac":"gw","cmd":"set","subcmd":"name","data":{"name":"x\\",\\"model\\":\\"forged\\\\\\n\x7f"}}',
+    '{"mac":"gw","cmd":"set","subcmd":"port_enable","data":{"ge1\\",\\"enable\\":0,\\"x\\":\\"":1}}',
+    '{"mac":"gw","cmd":"set","subcmd":"port_restart","data":{"vlanif1":1}}',
+    '{"mac":"gw","cmd":"set","subcmd":"sys_ip","data":{"sys_ip":"1.2.3.4\\", \\"method\\":1"}}',
+    '{"mac":"gw","cmd":"get","subcmd":"qelipc","data":{"mdl":"m\\\\","cmd":"c\\",\\"cmd\\":\\"d"}}',
+    '{"mac":"gw","cmd":"update","subcmd":"config_download","data":{"index":1,"length":-1,'
+    '"file":"x\\",\\"state\\":9,\\"y\\":\\""}}',
 ]
 
 EVENTS = [
@@ -90,6 +97,7 @@ REPLIES = [
     "[]",
     "null",
     "{" * 900,
+    '{"ret":0,"data":[{"name":"a\\":[1,1],\\"b","enable":1},{"name":"\\u0001\\\\"},{"name":"ge1"}]}',
 ]
 
 MANAGER = [
@@ -134,6 +142,7 @@ NVRAM = [
     b"a=1\na=2\ntorn",
     b"=x\na\n a=1\na=\x01\na=" + b"v" * 300 + b"\n",
     b"",
+    b'a="\\"\nproduct_description=x","model":"forged","y":"\\\n',
 ]
 
 GATEWAY = [

@@ -184,8 +184,9 @@ def test_module_that_dies_and_comes_back_is_heard_again(quick):
 
 
 def test_double_that_answers_well_is_the_module(quick):
-    """Whoever binds a module's socket is that module."""
+    """Whoever binds a module's socket is that module. A row whose name could write members of its own
+    is skipped, as one without a name is."""
     text = '{"data":[{"enable":1},{"name":"ge9","enable":1,"supply_priority":3},{"name":"a\\"b%n"}]}'
     with double(quick, "poe", "answers", text):
         answers, _ = ask(quick, "ports_poe")
-        assert answers == [POE_HEAD + b'"ge9":[1,3],"a"b%n":[0,0]}}']
+        assert answers == [POE_HEAD + b'"ge9":[1,3]}}']

@@ -473,4 +473,12 @@ TEST_F(ConfDownloadTest, DownloadNameWinsOverTheTableWhateverCmdSays) {
                           R"("data":{"state":2,"index":1,"file":""}})"));
 }
 
+TEST_F(ConfDownloadTest, NameOfTheFileCannotWriteMembersOfTheAnswer) {
+  receive(R"({"cmd":"update","subcmd":"config_download","data":{"index":0,"next":1,)"
+          R"("total_length":4,"file":"x\",\"state\":9,\"y\":\"\\\n"}})");
+  EXPECT_THAT(sent_messages(),
+              ElementsAre(R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"config_download",)"
+                          R"("data":{"state":2,"index":1,"file":"x,state:9,y:"}})"));
+}
+
 }  // namespace

@@ -163,6 +163,29 @@ TEST_F(DevinfoTest, SettingWithPercentSignsIsNoFormat) {
   EXPECT_EQ(value(qel_info::sn), "%s%n%d");
 }
 
+// Every text that the table takes out of the settings, as a restored archive may have left it.
+TEST_F(DevinfoTest, SettingsAreCleanedWhenTheyAreRead) {
+  const std::string hostile = "a\"},{\"b\\\x01\x1f\n c\x7f~\xc3\xa4";
+  for (const char* key :
+       {"product_sn", "product_hw_ver", "product_model", "firmware_ver", "product_description"}) {
+    fake::set_nvram(key, hostile);
+  }
+  qel_devinfo_init();
+  for (qel_info place : {qel_info::sn, qel_info::hw_ver, qel_info::model, qel_info::version,
+                         qel_info::device_name, qel_info::sysname}) {
+    EXPECT_EQ(value(place), "a},{b c~\xc3\xa4") << static_cast<size_t>(place);
+  }
+  fake::set_nvram("product_description", "\"\\\r");
+  qel_devinfo_refresh();
+  EXPECT_EQ(value(qel_info::sysname), "");
+}
+
+TEST_F(DevinfoTest, SettingIsCutAfterItIsCleaned) {
+  fake::set_nvram("product_sn", std::string(100, '"') + std::string(70, 's'));
+  qel_devinfo_init();
+  EXPECT_EQ(value(qel_info::sn), std::string(63, 's'));
+}
+
 TEST_F(DevinfoTest, ManagementInterfaceWithoutAnAddressLeavesTheTextEmpty) {
   fake::net("vlanif1").ip.clear();
   stderr_of([] { qel_devinfo_init(); });
@@ -527,6 +550,12 @@ TEST_F(ProbeTest, ModelAndVersionsAreThoseOfTheStart) {
   EXPECT_THAT(answer_to("{}"), testing::Not(HasSubstr("LATER")));
 }
 
+TEST_F(ProbeTest, StoredNameCannotWriteMembersOfTheAnswer) {
+  fake::set_nvram("product_description", "x\",\"model\":\"forged\",\"y\":\"\\\n\x7f");
+  const std::string answer = answer_to("{}");
+  EXPECT_THAT(answer, HasSubstr(R"("name":"x,model:forged,y:","model":"QM4410_MODEL","type":)"));
+}
+
 TEST_F(ProbeTest, AddressIsThatOfTheMomentAndTheMaskItsPrefixLength) {
   fake::net("vlanif1").ip = "10.20.30.40";
   fake::net("vlanif1").mask = "255.255.252.0";
@@ -580,8 +609,11 @@ TEST_F(DevinfoTest, SystemNameIsReplaced) {
   EXPECT_EQ(fake::system_name(), std::string(63, 'n'));
 }
 
-TEST_F(DevinfoTest, SystemNameThatIsNullOrTooLongIsIgnored) {
+TEST_F(DevinfoTest, SystemNameThatIsNullTooLongOrNotPlainIsIgnored) {
   fake::set_system_name("old");
+  for (const char* name : {"a\"b", "a\\", "a\nb", "\x7f"}) {
+    EXPECT_EQ(qel_sys_name_set(name), 0);
+  }
   EXPECT_EQ(qel_sys_name_set(nullptr), 0);
   EXPECT_EQ(qel_sys_name_set(std::string(64, 'n').c_str()), 0);
   EXPECT_EQ(fake::system_name(), "old");

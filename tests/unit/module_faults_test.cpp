@@ -277,9 +277,15 @@ TEST_F(ModuleTest, PoeNumbersThatNoIntegerHoldsAreClamped) {
               ElementsAre(poe_with(R"("a":[2147483647,-2147483648],"b":[2147483647,1])")));
 }
 
-TEST_F(ModuleTest, PoeNamesGoInWithoutEscaping) {
-  EXPECT_THAT(poe(R"({"data":[{"name":"a\"%n%s\\"},{"name":""}]})"),
-              ElementsAre(poe_with("\"a\"%n%s\\\":[0,0],\"\":[0,0]")));
+TEST_F(ModuleTest, PoeNamesOfPlainTextGoInAsTheyAre) {
+  EXPECT_THAT(poe(R"({"data":[{"name":"a'%n%s/"},{"name":""}]})"),
+              ElementsAre(poe_with(R"("a'%n%s/":[0,0],"":[0,0])")));
+}
+
+TEST_F(ModuleTest, PoeRowWhoseNameIsNotPlainIsSkipped) {
+  EXPECT_THAT(poe(R"({"data":[{"name":"a\":[1,1],\"b"},{"name":"ge1","enable":1},{"name":"c\\"},)"
+                  R"({"name":"\u0001"},{"name":"\u007f"},{"name":"ge2"},{"name":"\n"}]})"),
+              ElementsAre(poe_with(R"("ge1":[1,0],"ge2":[0,0])")));
 }
 
 TEST_F(ModuleTest, PoeNameOf10000BytesMakesAMessageThatIsRefused) {

@@ -374,10 +374,37 @@ INSTANTIATE_TEST_SUITE_P(Commands, FirstMemberCommand,
                          testing::Values("port_enable", "port_speed", "port_restart"),
                          [](const auto& row) { return std::string(row.param); });
 
-TEST_F(PortCommandTest, PortNameGoesIntoTheQueryAsItIs) {
-  set("port_enable", R"({"a\"b%n\\":1})");
-  EXPECT_THAT(fake::query_texts(), ElementsAre("{\"mdl\":\"mono\",\"cmd\":\"qel_port_enable_set\","
-                                               "\"data\":{\"port\":\"a\"b%n\\\",\"enable\":1}}"));
+TEST_F(PortCommandTest, PortNameOfPlainTextGoesIntoTheQueryAsItIs) {
+  set("port_enable", R"({"a'b%n {/}:, ~":1})");
+  EXPECT_THAT(fake::query_texts(), ElementsAre(R"({"mdl":"mono","cmd":"qel_port_enable_set",)"
+                                               R"("data":{"port":"a'b%n {/}:, ~","enable":1}})"));
+  EXPECT_THAT(fake::console(), IsEmpty());
+}
+
+TEST_F(PortCommandTest, PortNameThatIsNotPlainIsToldAndNotSent) {
+  for (const char* name : {R"(ge1\",\"enable\":0,\"x\":\")", R"(ge1\\)", R"(ge1\n)", R"(ge1\u0001)",
+                           "ge1\x1f", "ge1\x7f"}) {
+    fake::clear_records();
+    const std::string head = R"({")" + std::string(name);
+    set("port_enable", head + R"(":1})");
+    set("port_speed", head + R"(":"1G"})");
+    set("port_restart", head + R"(":5})");
+    EXPECT_THAT(fake::queries(), IsEmpty()) << name;
+    EXPECT_THAT(fake::console(),
+                ElementsAre(MatchesRegex("qel_cmd_port_enable_update,[0-9]+ unsafe text \r\n"),
+                            MatchesRegex("qel_cmd_port_speed_update,[0-9]+ unsafe text \r\n"),
+                            MatchesRegex("qel_cmd_handle_port_restart,[0-9]+ unsafe text \r\n")));
+  }
+  expect_alive();
+}
+
+TEST_F(PortCommandTest, PortWhoseNameIsNotPlainIsNotRestarted) {
+  fake::reset();
+  fake::add_port("ge\"1");
+  start();
+  set("port_restart", R"({"ge\"1":5})");
+  EXPECT_THAT(fake::queries(), IsEmpty());
+  EXPECT_EQ(restart_left("ge\"1"), 0) << "down it would not go, and up it would be asked for";
 }
 
 TEST_F(PortCommandTest, PortNameOf10000BytesGoesIntoTheQueryWhole) {

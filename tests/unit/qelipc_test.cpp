@@ -192,6 +192,23 @@ TEST_F(PassThroughTest, ReplyThatIsNoJsonIsPassedOnToo) {
   EXPECT_EQ(fake::sent()[0].port(), 20681);
 }
 
+TEST_F(PassThroughTest, NamesThatAreNotPlainAreToldAndSentToNobody) {
+  for (const char* bad :
+       {R"(m\",\"cmd\":\"reboot\",\"x\":\")", R"(m\\)", R"(m\n)", "m\x01", "m\x7f"}) {
+    for (bool module : {true, false}) {
+      fake::clear_records();
+      fake::reply("m", "c", R"({"secret":1})");
+      pass_udp(module ? R"({"cmd":"c","data":{},"mdl":")" + std::string(bad) + R"("})"
+                      : R"({"mdl":"m","data":{},"cmd":")" + std::string(bad) + R"("})");
+      EXPECT_THAT(fake::queries(), IsEmpty()) << bad;
+      ASSERT_THAT(fake::sent(), SizeIs(1)) << bad;
+      EXPECT_EQ(fake::sent()[0].bytes, "") << bad;
+      EXPECT_THAT(fake::console(),
+                  ElementsAre(MatchesRegex("qel_cmd_handle_qelipc,[0-9]+ unsafe text \r\n")));
+    }
+  }
+}
+
 TEST_F(PassThroughTest, HostileNamesAreSurvived) {
   for (const std::string& name :
        {std::string(10000, 'm'), std::string("%n%s"), std::string(R"(a\"b)"), std::string("../x"),
