@@ -63,14 +63,14 @@ class Lab:
         line; `settings` is what the switch finds in its nvram at start."""
         self._directory = tempfile.TemporaryDirectory(prefix="qel-test.")
         self.dir = pathlib.Path(self._directory.name)
-        self.dir.chmod(0o777)  # an ordinary user's lab writes here too
+        self.dir.chmod(0o1777)  # an ordinary user's lab writes here too
         if settings:
             (self.dir / "lab/conf").mkdir(parents=True)
             rows = "".join(f"{key}={value}\n" for key, value in settings.items())
             (self.dir / "lab/conf/nvram.conf").write_text(rows, encoding="utf-8")
         ours, theirs = socket.socketpair()
         command = [*wrapper, str(script), *arguments, "--", "bash", "-c", 'exec "$@" 3<&"$0"']
-        command += [str(theirs.fileno()), PYTHON, str(GATEWAY_END)]
+        command += [str(theirs.fileno()), PYTHON, self._readable_to_all(GATEWAY_END)]
         self._output = open(self.dir / "output.txt", "w+b")
         self.process = subprocess.Popen(
             command,
@@ -87,6 +87,13 @@ class Lab:
         self.dir = self.dir / "lab"
         self._control.settimeout(START_SECONDS)
         self.environment = self._ask({"op": "environment"})["environment"]
+
+    def _readable_to_all(self, program):
+        """A copy of `program` that an ordinary user's lab can run: the checkout may be root's alone."""
+        copy = self.dir / program.name
+        copy.write_bytes(program.read_bytes())
+        copy.chmod(0o644)
+        return str(copy)
 
     def __enter__(self):
         return self

@@ -354,7 +354,6 @@ def test_several_labs_at_once(make_lab):
 def checkout_under_tmp(lab):
     """As much of a checkout as a lab needs, under /tmp, readable to everybody."""
     top = pathlib.Path(tempfile.mkdtemp(prefix="qel-checkout.", dir="/tmp"))
-    top.chmod(0o755)
     shutil.copytree(TOP / "script", top / "script")
     shutil.copytree(TOP / "platform/linux/boards", top / "platform/linux/boards")
     shutil.copytree(TOP / "platform/linux/programs", top / "platform/linux/programs")
@@ -362,6 +361,8 @@ def checkout_under_tmp(lab):
     (top / "build/dev/bin").mkdir(parents=True)
     for name in ("qel", "morvad", "morvactl"):
         shutil.copy(programs / name, top / "build/dev/bin")
+    # Whoever made the checkout may have kept its files to himself.
+    subprocess.run(["chmod", "-R", "a+rX", str(top)], check=True)
     yield top
     shutil.rmtree(top)
 
