@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The archive check: gunzip in memory, then walk the tar's headers.
+// The archive's reader: gunzip in memory, then walk the tar's headers.
 #include "gateway/archive.h"
 
 #include <zlib.h>
@@ -20,7 +20,6 @@ namespace qel_gateway {
 
 namespace {
 
-constexpr size_t kUnpackedMax = 16 * 1024 * 1024;
 constexpr size_t kBlock = 512;
 
 // Fields of a tar header, in bytes.
@@ -81,7 +80,7 @@ std::vector<uint8_t> unpack(std::span<const uint8_t> bytes) {
       refuse("damaged or cut short");
     }
     if (out.size() + got > kUnpackedMax) {
-      refuse(fmt::format("more than {} unpacked", short_size(kUnpackedMax)));
+      refuse(fmt::format("more than {} MiB unpacked", kUnpackedMax / (1024 * 1024)));
     }
     out.insert(out.end(), piece.begin(), piece.begin() + static_cast<ptrdiff_t>(got));
   }
@@ -134,6 +133,16 @@ std::string member_name(std::span<const uint8_t> header) {
   return name;
 }
 
+// Whether no switch has reason to refuse the name: it stands in shell commands there.
+bool plain_name(std::string_view name) {
+  constexpr std::string_view kFirst =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
+  return kFirst.find(name.front()) != std::string_view::npos &&
+         std::ranges::all_of(name, [kFirst](char c) {
+           return kFirst.find(c) != std::string_view::npos || c == '.' || c == '-';
+         });
+}
+
 void check_member(std::span<const uint8_t> header, const std::string& name) {
   constexpr std::string_view kEnding = ".conf";
   const std::string shown = terminal_text(name);
@@ -153,6 +162,10 @@ void check_member(std::span<const uint8_t> header, const std::string& name) {
   if (!name.ends_with(kEnding) || name.size() == kEnding.size() || name.starts_with('-')) {
     refuse(fmt::format("\"{}\" is no \".conf\" file", shown));
   }
+  if (!plain_name(name)) {
+    refuse(fmt::format("\"{}\" is no name for it; expected letters, digits, \"_\", \".\" and \"-\"",
+                       shown));
+  }
 }
 
 bool is_zero(std::span<const uint8_t> block) {
@@ -161,7 +174,7 @@ bool is_zero(std::span<const uint8_t> block) {
 
 }  // namespace
 
-std::vector<ArchiveMember> check_archive(std::span<const uint8_t> bytes) {
+std::vector<ArchiveMember> read_archive(std::span<const uint8_t> bytes) {
   const std::vector<uint8_t> tar = unpack(bytes);
   std::vector<ArchiveMember> members;
   std::set<std::string> names;
@@ -175,16 +188,19 @@ std::vector<ArchiveMember> check_archive(std::span<const uint8_t> bytes) {
       break;
     }
     check_sum(header);
-    ArchiveMember member{member_name(header), octal(header.subspan(kSizeOffset, kSizeSize))};
+    ArchiveMember member{member_name(header), {}};
     check_member(header, member.name);
     if (!names.insert(member.name).second) {
       refuse(fmt::format("\"{}\" is in it twice", terminal_text(member.name)));
     }
+    const uint64_t size = octal(header.subspan(kSizeOffset, kSizeSize));
     rest = rest.subspan(kBlock);
-    if (member.size > rest.size()) {
+    if (size > rest.size()) {
       refuse(fmt::format("\"{}\" is cut short", terminal_text(member.name)));
     }
-    const size_t blocks = (static_cast<size_t>(member.size) + kBlock - 1) / kBlock;
+    const auto content = rest.first(static_cast<size_t>(size));
+    member.content.assign(content.begin(), content.end());
+    const size_t blocks = (content.size() + kBlock - 1) / kBlock;
     rest = rest.subspan(std::min(rest.size(), blocks * kBlock));
     members.push_back(std::move(member));
   }

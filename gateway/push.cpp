@@ -141,6 +141,15 @@ void check_archive_answer(const std::optional<ChunkAnswer>& answer, const Planne
   if (answer->state == kStateComplete) {
     throw Error("the switch applied the archive before it had all of it");
   }
+  if (chunk.last && answer->state == kStateAbandoned) {
+    throw Error("the switch refused the archive; nothing was changed");
+  }
+  if (chunk.last) {
+    throw Error(
+        fmt::format("the switch answered state {} to the last chunk: whether the archive was "
+                    "applied is not known",
+                    answer->state));
+  }
   throw Error(fmt::format("the switch could not store the archive after {} bytes", chunk.offset));
 }
 

@@ -2,7 +2,8 @@
 //
 // Restarting a switch, and seeing that it did. A switch says nothing about it, and may be back
 // before anybody missed it. Nor is silence a restart: a switch that waits for one of its modules is
-// silent, too. So two signs count once it answers: its uptime, and its traffic counters.
+// silent, too. So three signs count once it answers: its uptime, its traffic counters, and the
+// countdown that a controller set, which a start puts to 0.
 #include <algorithm>
 
 #include "gateway/error.h"
@@ -57,6 +58,13 @@ bool began_anew(const RestartMark& mark, int64_t uptime, TimePoint asked) {
   return uptime - mark.uptime < std::max(passed - kSlack, std::chrono::seconds(0)).count();
 }
 
+// A countdown that had time left at `now` ends early only with the agent that counts.
+bool countdown_ended(const RestartMark& mark, int left, TimePoint now) {
+  constexpr std::chrono::seconds kSlack{10};
+  const auto passed = std::chrono::duration_cast<std::chrono::seconds>(now - mark.at);
+  return left == 0 && mark.countdown > (passed + kSlack).count();
+}
+
 // What has been seen of a switch that was told to restart.
 struct Sight {
   bool restarted = false;   // it answers, and began anew
@@ -92,7 +100,8 @@ Task<Sight> watch_restart(Session& session, const Switch& one, const RestartMark
       }
       continue;
     }
-    sight.restarted = began_anew(mark, identity->uptime, asked);
+    sight.restarted = began_anew(mark, identity->uptime, asked) ||
+                      countdown_ended(mark, identity->sys_active, session.now());
     if (!sight.restarted) {
       sight.restarted = co_await counts_anew(session, one, mark);
     }
@@ -119,6 +128,7 @@ Task<RestartMark> mark_restart(Session& session, const Switch& one, Duration pat
     if (identity) {
       mark.answered = true;
       mark.uptime = identity->uptime;
+      mark.countdown = identity->sys_active;
     }
     mark.counters = co_await read_counters(session, one, patience);
   } catch (const Interrupted&) {

@@ -71,6 +71,7 @@ Task<EffectReport> set_active(Session& session, const Switch& one, int seconds, 
 struct RestartMark {
   bool answered = false;
   int64_t uptime = 0;  // seconds
+  int countdown = 0;   // seconds that a controller set and that were left
   TimePoint at;        // it was as much or more then
   std::vector<Port> counters;
 };
@@ -79,7 +80,8 @@ Task<RestartMark> mark_restart(Session& session, const Switch& one, Duration pat
 
 // Watches a switch that was told to restart, for `patience`, and up to `come_back` (0: not at all)
 // longer while it is silent. Took when it answers with an uptime or with traffic counters that
-// began anew. Silence alone is Silent, or Unseen when it ended or was not to be waited for.
+// began anew, or with a countdown that ended before its time. Silence alone is Silent, or Unseen
+// when it ended or was not to be waited for.
 Task<EffectReport> await_restart(Session& session, const Switch& one, RestartMark mark,
                                  Duration patience, Duration come_back);
 

@@ -16,6 +16,7 @@
 #include "gateway/cli/transfer_output.h"
 #include "gateway/files.h"
 #include "gateway/requests.h"
+#include "gateway/restore.h"
 #include "gateway/settings.h"
 #include "gateway/text.h"
 #include "gateway/transfer.h"
@@ -28,6 +29,7 @@ namespace fs = std::filesystem;
 
 constexpr Duration kChunkPatience{6000};
 constexpr Duration kRestartPatience{30000};
+constexpr int kComeBackSeconds = 120;  // more than a switch takes to start
 
 bool is_folder(const std::string& file) {
   std::error_code ignored;
@@ -58,11 +60,11 @@ Task<Transferred> back_up(Context& context, const Switch& one, std::string path,
   done.json["bytes"] = bytes.size();
   done.json["crc"] = fmt::format("{:08x}", crc32_of(bytes));
   try {
-    done.json["members"] = check_archive(bytes).size();
+    done.json["members"] = read_archive(bytes).size();
   } catch (const Error& error) {
     // What the switch gave is kept, but it could not be restored.
     done.json["warning"] = error.what();
-    done.words += fmt::format("; but {}", error.what());
+    done.words += fmt::format("; it could not be restored: {}", error.what());
   }
   co_return done;
 }
@@ -112,50 +114,69 @@ std::string who(const std::vector<Switch>& switches) {
   return switches.size() == 1 ? title_of(switches[0]) : fmt::format("{} switches", switches.size());
 }
 
-Task<Transferred> restore(Context& context, const Switch& one, Push push, int come_back,
-                          ProgressSink progress) {
-  RestartMark mark = co_await mark_restart(context.session(), one, context.patience());
-  co_await push_archive(context.session(), one, push, context.patience(kChunkPatience),
-                        std::move(progress));
-  EffectReport report{Effect::Unseen, "its restart was not waited for"};
-  bool watched = false;
-  try {
-    report =
-        co_await await_restart(context.session(), one, std::move(mark),
-                               context.patience(kRestartPatience), std::chrono::seconds(come_back));
-    watched = true;
-  } catch (const Interrupted&) {
-    // The archive is there all the same, and the summary has to say so.
-  } catch (const Error& error) {
-    report.detail = error.what();
+OrderedJson differences_json(const std::vector<Difference>& differences) {
+  OrderedJson list = OrderedJson::array();
+  for (const Difference& difference : differences) {
+    OrderedJson one;
+    one["file"] = difference.file;
+    if (!difference.key.empty()) {
+      one["key"] = difference.key;
+    }
+    one["difference"] = difference_word(difference.kind);
+    list.push_back(std::move(one));
   }
+  return list;
+}
+
+// What is restored, and how long a switch may be away afterwards.
+struct Restore {
+  Push push;
+  std::vector<ArchiveMember> members;
+  std::chrono::seconds come_back;
+};
+
+Task<Transferred> restore(Context& context, const Switch& one, const Restore& what,
+                          ProgressSink progress) {
+  const Duration chunk_patience = context.patience(kChunkPatience);
+  RestartMark mark = co_await mark_restart(context.session(), one, context.patience());
+  co_await push_archive(context.session(), one, what.push, chunk_patience, std::move(progress));
+  const RestorePatience patience{context.patience(kRestartPatience), what.come_back,
+                                 chunk_patience};
+  const RestoreReport report =
+      co_await await_restored(context.session(), one, std::move(mark), what.members, patience);
   Transferred done;
-  done.words = fmt::format("the switch has all of the archive; {}", report.detail);
-  done.json["bytes"] = push.bytes->size();
-  done.json["restart"] = effect_word(report.effect);
-  done.code = report.effect == Effect::Silent                 ? ExitCode::NoAnswer
-              : report.effect == Effect::NotTaken || !watched ? ExitCode::Failed
-                                                              : ExitCode::Done;
+  done.code = report.code;
+  done.words = report.words;
+  done.json["bytes"] = what.push.bytes->size();
+  done.json["members"] = what.members.size();
+  done.json["restart"] = effect_word(report.restart);
+  if (report.read_back) {
+    done.json["differences"] = differences_json(report.differences);
+  }
+  if (report.code != ExitCode::Done) {
+    done.json["error"] = report.words;
+  }
   co_return done;
 }
 
 ExitCode run_restore(Context& context, const std::string& file, int come_back) {
   const std::vector<uint8_t> bytes = read_file(file, kArchiveMax);
-  const auto members = check_archive(bytes);
-  const Push push = make_push(file, "config_download", bytes);
+  const Restore what{make_push(file, "config_download", bytes), read_archive(bytes),
+                     std::chrono::seconds(come_back)};
   if (context.options().dry_run) {
-    return dry_push(context, push, true);
+    return dry_push(context, what.push, true);
   }
   const auto switches = selected(context);
-  const std::string question = fmt::format(
-      "Replace the whole configuration of {} by {} ({} file{}) and restart?", who(switches),
-      terminal_text(file), members.size(), members.size() == 1 ? "" : "s");
+  const size_t count = what.members.size();
+  const std::string question =
+      fmt::format("Replace the whole configuration of {} by {} ({} file{}) and restart?",
+                  who(switches), terminal_text(file), count, count == 1 ? "" : "s");
   if (!confirmed(context, question)) {
     return ExitCode::Failed;
   }
   return transfer_each(context, "restore", switches,
                        [&](const Switch& one, const ProgressSink& progress) {
-                         return restore(context, one, push, come_back, progress);
+                         return restore(context, one, what, progress);
                        });
 }
 
@@ -252,14 +273,16 @@ void add_transfer(CLI::App& app, Choice& choice) {
   });
   auto* restore = app.add_subcommand("restore", "Put a saved configuration onto switches");
   restore->footer(
-      "FILE is a gzip'd tar of \".conf\" files. Asks first, unless --yes.\n\n"
+      "FILE is a gzip'd tar of \".conf\" files. Asks first, unless --yes. It is done when the\n"
+      "switch has restarted and a backup taken then equals FILE.\n\n"
       "Example:\n  qelctl -i eth1 --switch office-sw restore office-sw.tar.gz --wait 120");
   auto source = std::make_shared<std::string>();
-  auto come_back = std::make_shared<int>(0);
+  auto come_back = std::make_shared<int>(kComeBackSeconds);
   restore->add_option("FILE", *source, "The archive")->required();
   restore->add_option("--wait", *come_back, "Wait so long for the switch to answer again")
       ->check(CLI::Range(1, 3600))
-      ->type_name("SECONDS");
+      ->type_name("SECONDS")
+      ->capture_default_str();
   restore->callback([&choice, source, come_back] {
     choice.action = [source, come_back](Context& context) {
       return run_restore(context, *source, *come_back);

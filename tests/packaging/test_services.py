@@ -88,10 +88,12 @@ def test_a_restored_configuration_restarts_both_services(installation):
         ("name", "before"),
         ("backup", "/home/alice/conf.tar.gz"),
         ("name", "after"),
+        ("active", "600"),  # ends with the agent: the machine's uptime and counters go on
         ("--yes", "restore", "/home/alice/conf.tar.gz"),
     ):
         status, output = installation.qelctl(*words)
         assert status == 0, output
+    assert "the switch restarted and holds the file sent" in output
 
     def both_are_new():
         now = [state(installation, name, "MainPID")[0] for name in ("morvad", "qel")]

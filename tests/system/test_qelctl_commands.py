@@ -281,8 +281,11 @@ def test_transfers_and_restarts_in_json(make_lab, files, tmp_path):
     }  # fmt: skip
     lab.morvactl("counters", "ge1", "tx_bytes=1000")
     assert qelctl.json("restore", file, "--wait", "20", timeout=90) == [
-        {**WHO, "command": "restore", "status": "done", "bytes": file.stat().st_size, "restart": "took"}
-    ]
+        {
+            **WHO, "command": "restore", "status": "done", "bytes": file.stat().st_size, "members": 1,
+            "restart": "took", "differences": [],
+        }
+    ]  # fmt: skip
     assert qelctl.json("firmware", "push", files["image"]) == [
         {**WHO, "command": "firmware push", "status": "done", "bytes": 2000}
     ]

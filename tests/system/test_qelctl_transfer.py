@@ -50,8 +50,7 @@ def test_backup_change_restore(qelctl, tmp_path):
     qelctl.lab.morvactl("counters", "ge1", "tx_bytes=1000")
     result = qelctl("--yes", "restore", file, "--wait", "20", timeout=90)
     assert result.stdout == (
-        "changed (0a:1b:2c:3d:4e:10): restore: done: the switch has all of the archive; "
-        "the switch restarted and answers again\n"
+        "changed (0a:1b:2c:3d:4e:10): restore: done: the switch restarted and holds the file sent\n"
     )
     wait_until(lambda: qelctl.json("show")[0]["name"] == "desk-sw")
     wait_until(lambda: qelctl.json("ports") == before, "every report as it was")
@@ -83,6 +82,8 @@ def test_a_folder_that_is_not_there_fails_and_says_so(qelctl):
         (lambda path: archive(path, "/etc/a.conf"), '"/etc/a.conf" lies in a folder'),
         (lambda path: archive(path, "a.conf", kind=tarfile.SYMTYPE), '"a.conf" is no plain file'),
         (lambda path: archive(path, "a.conf", "a.conf"), '"a.conf" is in it twice'),
+        (lambda path: archive(path, "a.conf", "a b.conf"), '"a b.conf" is no name for it; expected letters, digits'),
+        (lambda path: path.write_bytes(gzip.compress(bytes(5_000_000))), "more than 4 MiB unpacked"),
     ],
 )
 def test_what_is_no_archive_is_not_sent(qelctl, tmp_path, make, why):

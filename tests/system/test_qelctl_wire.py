@@ -9,7 +9,7 @@ import time
 
 from labkit import PYTHON, wait_until
 from qelctl_user import Qelctl, quiet_board
-from test_qelctl_faults import STRANGER, Impostor, archive, beside
+from test_qelctl_faults import STRANGER, Impostor, archive, beside, cut_chunks
 
 FIRST = "0a:1b:2c:3d:4e:5f"
 SECOND = "0a:1b:2c:3d:4e:60"
@@ -94,7 +94,8 @@ def told(command, cut_short, refused):
 
 def test_an_interface_that_goes_down_in_a_restore_leaves_nobody_untold(make_lab, tmp_path):
     lab = make_lab("--switches", "3")
-    file = archive(tmp_path / "big.tar.gz", 8_000_000)
+    cut_chunks(lab)
+    file = archive(tmp_path / "big.tar.gz", 3_900_000)
     assert cut_while_pushing(lab, tmp_path, "config_download", 0, "restore", file) == told(
         "restore",
         "interface gw0 went down; the switch may hold a part of the archive, but applies none of it before "

@@ -150,14 +150,14 @@ inline Bytes reply_with_chunk(std::string_view text, const Bytes& chunk) {
 // The answer to a probe, with the trailing NUL that switches send.
 inline Bytes probe_answer(uint32_t tick, std::string_view name = "office-sw",
                           std::string_view mac = "0a1b2c3d4e5f",
-                          std::string_view from = "0a 1b 2c 3d 4e 5f", int64_t uptime = 3600) {
+                          std::string_view from = "0a 1b 2c 3d 4e 5f", int64_t uptime = 3600,
+                          int64_t countdown = 0) {
   std::string text =
       R"({"mac":")" + std::string(mac) + R"(","cmd":"answer","subcmd":"answer","data":{"mac":")" +
       std::string(mac) + R"(","sys_ip":"192.168.1.10","sys_mask":24,"name":")" + std::string(name) +
       R"(","model":"QM4410_MODEL","type":"switch","uptime":)" + std::to_string(uptime) +
-      R"(,"hw_version":"V1.0","sw_version":"V2.1","active":1,"sys_active":0,)"
-      R"("cpu":7,"mem":41,"ntick":)" +
-      std::to_string(tick) + "}}";
+      R"(,"hw_version":"V1.0","sw_version":"V2.1","active":1,"sys_active":)" +
+      std::to_string(countdown) + R"(,"cpu":7,"mem":41,"ntick":)" + std::to_string(tick) + "}}";
   const Bytes body = Bytes{} + text + Bytes(1, 0);
   return reply_head(static_cast<uint16_t>(body.size() + 16), from) + body;
 }

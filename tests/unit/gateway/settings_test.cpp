@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "fixture.h"
 #include "gateway/query.h"
 
@@ -49,7 +51,8 @@ class SettingsTest : public OnFakeWire {
       wire.arrives(update("ports_stats", R"({"ge1":[)" + std::to_string(counter) + ",0,0,0]}"));
     } else if (has("probe")) {
       wire.arrives(probe_answer(tick_of(text), name, "0a1b2c3d4e5f", "0a 1b 2c 3d 4e 5f",
-                                uptime + (uptime_goes_on ? clock.elapsed() / 1000 : 0)));
+                                uptime + (uptime_goes_on ? clock.elapsed() / 1000 : 0),
+                                std::max<int64_t>(countdown - clock.elapsed() / 1000, 0)));
     } else if (on_set) {
       on_set(text);
     }
@@ -60,6 +63,7 @@ class SettingsTest : public OnFakeWire {
   bool enabled = true;
   bool eee = false;
   int64_t uptime = 3600;
+  int64_t countdown = 0;
   bool uptime_goes_on = true;
   uint64_t counter = 1000;
   std::string link = "1,1000,1,0";
@@ -322,6 +326,25 @@ TEST_F(SettingsTest, ARestartIsSeenInTheCounters) {
       session.run(restart_switch(session, office, true, Duration(5000), Duration(1000))).detail,
       "the switch restarted and answers again");
   EXPECT_EQ(wire.count("config_reset"), 1u);
+}
+
+TEST_F(SettingsTest, ARestartIsSeenInTheCountdown) {
+  countdown = 600;
+  on_set = [this](const std::string&) { countdown = 0; };
+  EXPECT_EQ(session.run(restart_switch(session, office, false, Duration(5000), Duration(0))).effect,
+            Effect::Took);
+}
+
+TEST_F(SettingsTest, ACountdownThatEndsInItsTimeIsNoRestart) {
+  for (const int64_t left : {9, 3}) {
+    countdown = clock.elapsed() / 1000 + left;
+    EXPECT_EQ(
+        session.run(restart_switch(session, office, false, Duration(5000), Duration(0))).effect,
+        Effect::NotTaken);
+  }
+  countdown = clock.elapsed() / 1000 + 600;
+  EXPECT_EQ(session.run(restart_switch(session, office, false, Duration(5000), Duration(0))).effect,
+            Effect::NotTaken);
 }
 
 TEST_F(SettingsTest, ASwitchThatGoesOnAsBeforeDidNotRestart) {

@@ -207,6 +207,19 @@ TEST_F(TransferTest, AFullDiskIsTold) {
             "the switch could not store the archive after 0 bytes; nothing was applied");
 }
 
+TEST_F(TransferTest, AnArchiveThatIsRefusedAtItsEndChangesNothing) {
+  for (const size_t size : {10u, 3000u}) {
+    file = Bytes(size, 1);
+    stores("config_download", 0);
+    EXPECT_EQ(error_of(push("config_download")),
+              "the switch refused the archive; nothing was changed");
+  }
+  stores("config_download", 2);
+  EXPECT_EQ(error_of(push("config_download")),
+            "the switch answered state 2 to the last chunk: whether the archive was applied is not "
+            "known");
+}
+
 TEST_F(TransferTest, ASilentLastChunkLeavesItOpenWhatBecameOfIt) {
   file = Bytes(10, 1);
   wire.on_send = [this](const Sent& sent) {
