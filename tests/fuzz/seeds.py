@@ -5,10 +5,13 @@ captures. Run it after adding one; the files are committed.
     python3 tests/fuzz/seeds.py
 """
 
+import gzip
+import io
 import json
 import pathlib
 import shutil
 import sys
+import tarfile
 
 HERE = pathlib.Path(__file__).resolve().parent
 TOP = HERE.parents[1]
@@ -110,7 +113,7 @@ MANAGER = [
     b"\xff" + b"x" * 4000,
 ]
 
-ARCHIVE = [
+CONFDIR = [
     b"afnvram.conf\nafqel.conf\ncfnvram.conf\ncfold.conf\n",
     b"af--checkpoint-action=exec=sh e.conf\nafe.conf\n",
     b"af-x.conf\n",
@@ -218,6 +221,31 @@ def captured_datagrams():
     return [raw[42:] for raw in frames if raw[36:38] == (20682).to_bytes(2, "big")]
 
 
+def tar(*members, plain=False):
+    """A configuration archive of (name, type, content): packed after a 'G', or plain after a 'T'."""
+    out = io.BytesIO()
+    with tarfile.open(fileobj=out, mode="w", format=tarfile.USTAR_FORMAT) as file:
+        for name, kind, content in members:
+            info = tarfile.TarInfo(name)
+            info.type, info.size, info.linkname = kind, len(content), "nvram.conf"
+            file.addfile(info, io.BytesIO(content))
+    whole = out.getvalue()  # filled up to a record
+    short = whole[: (len(whole.rstrip(b"\0")) + 511) // 512 * 512 + 1024]
+    return b"T" + short if plain else b"G" + gzip.compress(short, mtime=0)
+
+
+FILE, LINK, FOLDER = tarfile.REGTYPE, tarfile.SYMTYPE, tarfile.DIRTYPE
+ARCHIVES = [
+    [("nvram.conf", FILE, b"product_sn=S\nqel_sys_active=5\na=1\n"), ("qel.conf", FILE, b"qel debug 1\n")],
+    [("./nvram.conf", FILE, b"a=1\ntorn="), ("empty.conf", FILE, b"")],
+    [("a.conf", FILE, b"x"), ("a.conf", FILE, b"y")],
+    [("../a.conf", FILE, b"x")],
+    [("with blank.conf", FILE, b"x")],
+    [("a.conf", LINK, b"")],
+    [("conf", FOLDER, b""), ("conf/a.conf", FILE, b"x")],
+]
+
+
 def write_captured():
     to_switch = bytes.fromhex("0a1b2c3d4e5f 02005e102030")
     to_gateway = bytes.fromhex("02005e102030 0a1b2c3d4e5f")
@@ -243,11 +271,12 @@ def main():
     write("event", [text.encode() for text in EVENTS])
     write("reply", [text.encode() for text in REPLIES])
     write("manager", MANAGER)
-    write("archive", ARCHIVE)
+    write("confdir", CONFDIR)
     write("vty", VTY)
     write("nvram", NVRAM)
     gateway = [b"J" + text.encode() for text in GATEWAY]
     write("gateway", gateway + [b"F" + raw_frame(text) for text in GATEWAY[:3]])
+    write("archive", [tar(*one, plain=True) for one in ARCHIVES] + [tar(*ARCHIVES[0]), tar(*ARCHIVES[0])[:-9]])
     write_captured()
     board = HERE / "corpus/board"
     board.mkdir(parents=True, exist_ok=True)
