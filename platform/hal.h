@@ -20,8 +20,9 @@ struct hal_mac_entry {
 
 /*
  * Attaches the process to the hardware layer; `client` is the platform's number of the daemon.
- * There is one process for each number: where a live one holds it already, the call logs so and
- * ends this process with status 1, before it can disturb the other. Returns 0, or -1.
+ * There is one process for each number: where one that works holds it already, the call logs so and
+ * ends this process with status 1, before it can disturb the other; one that is stopped or stuck is
+ * ended, and its number taken over. Returns 0, or -1.
  */
 int hal_init(int client);
 

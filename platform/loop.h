@@ -27,7 +27,8 @@ typedef int (*thread_func)(struct thread* thread);
 /* One row of the table given to signal_init. */
 struct loop_signal {
   int signo;             /* the host's signal number */
-  void (*handler)(void); /* called from the loop, never from signal context */
+  void (*handler)(void); /* called from the loop or, until its first turn is over, by a call of the
+                            platform that waits; never from signal context */
 };
 
 /* Creates the loop. Returns it, or NULL when the system has no resources for it. Never freed. */
@@ -47,7 +48,10 @@ void* funcname_thread_add_read(struct thread_master* master, thread_func func, v
 void* funcname_thread_add_timer(struct thread_master* master, thread_func func, void* arg,
                                 long seconds, const char* name, const char* file, int line);
 
-/* Binds `count` signals to their handlers. The table is read during the call only. */
+/*
+ * Binds `count` signals to their handlers. The table is read during the call only. The handler of a
+ * signal that came since hal_init() may be called before this returns.
+ */
 void signal_init(struct thread_master* master, int count, const struct loop_signal* signals);
 
 /*

@@ -4,11 +4,9 @@
 #include "platform/hal.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 #include "platform/linux/fd.h"
@@ -16,6 +14,8 @@
 #include "platform/linux/loop_internal.h"
 #include "platform/linux/morva_call.h"
 #include "platform/linux/paths.h"
+#include "platform/linux/process_lock.h"
+#include "platform/linux/signals.h"
 #include "platform/log.h"
 #include "platform/sys.h"
 
@@ -74,10 +74,10 @@ long read_chunk(hal_mac_entry* entries, uint32_t start, uint32_t batch, uint32_t
 }
 
 constexpr mode_t kRunDirMode = 0750;
-constexpr mode_t kLockMode = 0640;
 
-// The lock of this process's client number. Nobody closes it: the kernel does, however we end.
-int held_lock = -1;
+// Longer than a start or a request takes whose every question to a module runs into its deadline.
+constexpr int64_t kSilenceLimitS = 60;
+
 int held_client = -1;
 
 // Opens the lock file of `client`; a negative errno on failure.
@@ -89,15 +89,42 @@ int open_lock(int client) {
   }
   char name[64];
   snprintf(name, sizeof name, MORVA_RUN_DIR "/client-%d.lock", client);
-  const int fd = open(morva_path(path, sizeof path, name),
-                      O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kLockMode);
-  return fd >= 0 ? fd : -errno;
+  return process_lock_open(morva_path(path, sizeof path, name));
+}
+
+// True when the holder is of no use any more: nothing of it runs that could make it useful again.
+bool is_frozen(int client, const LockHolder& holder) {
+  const bool stopped = process_is_stopped(holder);
+  if (!stopped && holder.silent_s < kSilenceLimitS) {
+    return false;
+  }
+  const int pid = static_cast<int>(holder.pid);
+  if (process_has_children(holder)) {
+    zlog_err("hal: client %d: process %d waits for a program that it started", client, pid);
+    return false;
+  }
+  if (stopped) {
+    zlog_err("hal: client %d: process %d is stopped, it has to end", client, pid);
+  } else {
+    zlog_err("hal: client %d: process %d is stuck for %lld s, it has to end", client, pid,
+             static_cast<long long>(holder.silent_s));
+  }
+  return true;
+}
+
+// Ends the process that has the lock, if that is frozen. True when the lock may be free now.
+bool make_room(int client, int lock) {
+  LockHolder holder;
+  if (!process_lock_holder(lock, &holder) || !is_frozen(client, holder)) {
+    return false;
+  }
+  return process_end(holder, signals_poll);
 }
 
 // Takes the client number for the life of this process. Returns 0, or -1; does not return when
-// another process lives under that number.
+// another process works under that number.
 int hold_client(int client) {
-  if (held_lock >= 0 && held_client == client) {
+  if (held_client == client) {
     return 0;
   }
   UniqueFd lock(open_lock(client));
@@ -105,17 +132,22 @@ int hold_client(int client) {
     zlog_err("hal: client %d: no lock file: %s", client, strerror(-lock.get()));
     return -1;
   }
-  while (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-    if (errno == EWOULDBLOCK) {
-      zlog_err("hal: client %d is another process that runs already", client);
-      exit(1);
-    }
-    if (errno != EINTR) {
-      zlog_err("hal: client %d: no lock: %s", client, strerror(errno));
-      return -1;
-    }
+  int error = process_lock_try(lock.get());
+  if (error == EWOULDBLOCK && make_room(client, lock.get())) {
+    error = process_lock_try(lock.get());
   }
-  held_lock = lock.release();
+  if (error == EWOULDBLOCK && signals_held()) {
+    return -1;  // told to end while it waited: signal_init comes next
+  }
+  if (error == EWOULDBLOCK) {
+    zlog_err("hal: client %d is another process that runs already", client);
+    exit(1);
+  }
+  if (error != 0) {
+    zlog_err("hal: client %d: no lock: %s", client, strerror(error));
+    return -1;
+  }
+  process_lock_keep(lock.release());
   held_client = client;
   return 0;
 }
@@ -139,6 +171,7 @@ void open_at_last() {
 // The agent attaches before it waits for the rest of the switch, so it is no failure here that
 // nobody answers yet: nothing on this platform depends on having been told.
 int hal_init(int client) {
+  signals_hold();  // morvad ends who is attached, and the daemon has bound no signal yet
   const int held = hold_client(client);
   static char reply[256];
   char request[96];

@@ -10,6 +10,9 @@
 #include <stdlib.h>
 
 #include "platform/linux/loop_internal.h"
+#include "platform/linux/notify.h"
+#include "platform/linux/process_lock.h"
+#include "platform/linux/signals.h"
 #include "platform/log.h"
 
 namespace {
@@ -44,10 +47,14 @@ void run_start_step(StartStep step) {
 
 void run(const registration& entry) {
   thread record = {entry.master, entry.arg, entry.fd};
+  const bool is_timer = entry.fd < 0;  // the callback may release the registration
   in_callback = true;
   ++turns;
   entry.func(&record);
   in_callback = false;
+  if (is_timer) {
+    process_lock_beat();  // once a second in a daemon with a timer of that
+  }
 }
 
 void release(registration* entry) {
@@ -66,9 +73,8 @@ void run_entry(evutil_socket_t /*fd*/, short /*events*/, void* opaque) {
   running = nullptr;
 }
 
-void run_signal(evutil_socket_t /*signo*/, short /*events*/, void* opaque) {
-  // The handler travels as the pointer itself: there is nothing to free.
-  reinterpret_cast<void (*)()>(opaque)();
+void run_signals(evutil_socket_t /*fd*/, short /*events*/, void* /*opaque*/) {
+  signals_run();
 }
 
 void log_from_libevent(int severity, const char* message) {
@@ -146,6 +152,8 @@ bool loop_configured() {
 
 thread_master* thread_master_create(void) {
   event_set_log_callback(log_from_libevent);
+  notify_read_environment();  // before a shell command inherits it
+  signals_starting();
   event_config* config = event_config_new();
   if (config == nullptr) {
     return nullptr;
@@ -190,18 +198,24 @@ void* funcname_thread_add_timer(thread_master* master, thread_func func, void* a
 
 void signal_init(thread_master* master, int count, const loop_signal* signals) {
   for (int i = 0; i < count; ++i) {
-    event* binding = evsignal_new(master->base, signals[i].signo, run_signal,
-                                  reinterpret_cast<void*>(signals[i].handler));
-    if (binding == nullptr || event_add(binding, nullptr) != 0) {
+    if (!signals_bind(signals[i].signo, signals[i].handler)) {
       zlog_err("event loop: signal %d cannot be bound", signals[i].signo);
     }
   }
+  event* binding =
+      event_new(master->base, signals_fd(), EV_READ | EV_PERSIST, run_signals, nullptr);
+  if (binding == nullptr || event_add(binding, nullptr) != 0) {
+    zlog_err("event loop: no signal is heard");
+  }
+  signals_bound();
 }
 
 void thread_main(thread_master* master) {
   run_start_step(StartStep::kConfigure);
   configured = true;
   run_start_step(StartStep::kConfigured);
+  signals_serving();
+  notify_ready(master->base);
   event_base_loop(master->base, EVLOOP_NO_EXIT_ON_EMPTY);
   configured = false;
 }

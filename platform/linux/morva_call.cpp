@@ -20,6 +20,7 @@
 #include "platform/linux/json.h"
 #include "platform/linux/loop_internal.h"
 #include "platform/linux/paths.h"
+#include "platform/linux/signals.h"
 #include "platform/log.h"
 
 namespace {
@@ -57,7 +58,7 @@ class Deadline {
   bool wait(int fd, short events) const {
     for (;;) {
       const int left = left_ms();
-      const int ready = poll_for(fd, events, left);
+      const int ready = signals_poll(fd, events, left);
       if (ready > 0) {
         return true;
       }
@@ -69,15 +70,10 @@ class Deadline {
 
   // The same for no longer than `milliseconds`, whatever comes of it.
   void linger(int fd, short events, int milliseconds) const {
-    poll_for(fd, events, std::min(left_ms(), milliseconds));
+    signals_poll(fd, events, std::min(left_ms(), milliseconds));
   }
 
  private:
-  static int poll_for(int fd, short events, int milliseconds) {
-    pollfd entry = {fd, events, 0};
-    return poll(&entry, 1, milliseconds);
-  }
-
   int64_t end_;
 };
 
@@ -104,7 +100,9 @@ int connect_module(const char* module, const Deadline& deadline) {
     if ((errno != EAGAIN && errno != EINTR) || left == 0) {
       return -1;
     }
-    poll(nullptr, 0, left < kBacklogPollMs ? left : kBacklogPollMs);
+    if (signals_poll(-1, 0, std::min(left, kBacklogPollMs)) < 0 && errno == ECANCELED) {
+      return -1;
+    }
   }
   return -1;
 }

@@ -18,6 +18,7 @@
 #include "platform/linux/fd.h"
 #include "platform/linux/json.h"
 #include "platform/linux/morva_call.h"
+#include "platform/linux/signals.h"
 #include "platform/linux/uif_internal.h"
 #include "platform/log.h"
 
@@ -80,10 +81,9 @@ int try_connect(const sockaddr_in& address, int wait_ms) {
   if (errno != EINPROGRESS) {
     return -1;
   }
-  pollfd entry = {fd.get(), POLLOUT, 0};
   int error = ETIMEDOUT;
   socklen_t size = sizeof error;
-  if (poll(&entry, 1, wait_ms) == 1) {
+  if (signals_poll(fd.get(), POLLOUT, wait_ms) == 1) {
     getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &error, &size);
   }
   if (error != 0) {
@@ -100,7 +100,7 @@ int open_connection(const sockaddr_in& address, unsigned short listen_port) {
   const int64_t end = morva_now_ns() + static_cast<int64_t>(patience_ms) * 1000000;
   UniqueFd fd(try_connect(address, kConnectWaitMs));
   while (!fd.valid() && errno == ECONNREFUSED && morva_now_ns() < end) {
-    poll(nullptr, 0, kConnectPollMs);
+    signals_poll(-1, 0, kConnectPollMs);
     fd.reset(try_connect(address, kConnectWaitMs));
   }
   char hello[64];

@@ -5,13 +5,13 @@
 // array: a 52-port report looks every port up by its name.
 #include "platform/uif.h"
 
-#include <poll.h>
 #include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include "platform/linux/json.h"
 #include "platform/linux/morva_call.h"
+#include "platform/linux/signals.h"
 #include "platform/linux/uif_internal.h"
 #include "platform/linux/uif_row.h"
 #include "platform/log.h"
@@ -121,7 +121,7 @@ cJSON* wait_for_table() {
     if (answer != nullptr || morva_now_ns() >= end) {
       return answer;
     }
-    poll(nullptr, 0, kStartPollMs);
+    signals_poll(-1, 0, kStartPollMs);
   }
 }
 

@@ -17,6 +17,7 @@
 #include "platform/linux/fd.h"
 #include "platform/linux/loop_internal.h"
 #include "platform/linux/paths.h"
+#include "platform/linux/process_lock.h"
 #include "platform/linux/vty_internal.h"
 #include "platform/log.h"
 
@@ -228,5 +229,6 @@ int pid_output(const char* path) {
     zlog_err("%s: %s", actual.c_str(), strerror(errno));
     return -1;
   }
+  process_lock_beat();  // the daemon that detached is another process than the one that began
   return pid;
 }

@@ -3,19 +3,29 @@
 // One process for each client number of the hardware layer: who comes second ends, whoever dies
 // makes room. Everything happens in child processes, because the number is a process's for life.
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
 #include "platform/hal.h"
 #include "platform/log.h"
+#include "platform/loop.h"
 #include "tests/unit/linux/support.h"
 
 namespace {
+
+std::string lock_file;
+
+// Ends a child process with 0 when its own number stands in the lock.
+int end_child(thread* /*thread*/) {
+  _exit(atoi(read_file(lock_file).c_str()) == getpid() ? 0 : 4);
+}
 
 class HalLockTest : public RootTest {
  protected:
@@ -48,6 +58,13 @@ class HalLockTest : public RootTest {
     return pid;
   }
 
+  // Writes a signature into the lock of client 61.
+  void sign(pid_t pid, int seconds) {
+    char text[40];
+    snprintf(text, sizeof text, "%10d %20d\n", static_cast<int>(pid), seconds);
+    write_file(at("/var/run/morva/client-61.lock"), text);
+  }
+
   static void kill_and_wait(pid_t pid) {
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
@@ -73,11 +90,101 @@ TEST_F(HalLockDeathTest, SecondProcessSaysSoAndEndsWithStatusOne) {
   kill_and_wait(first);
 }
 
-TEST_F(HalLockTest, StoppedProcessStillHoldsItsNumber) {
+// The holder's way to end by SIGTERM: it leaves pause() and so ends with status 9.
+TEST_F(HalLockTest, StoppedProcessIsEndedAndMakesRoom) {
   const pid_t first = holder(61);
+  int status = 0;
   kill(first, SIGSTOP);
+  ASSERT_EQ(first, waitpid(first, &status, WUNTRACED));
+  EXPECT_EQ(0, run_in_child([] { return hal_init(61) == 0 ? 0 : 2; }));
+  EXPECT_EQ(first, waitpid(first, &status, 0));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 9);
+}
+
+TEST_F(HalLockTest, ProcessThatWasNotAtItsLoopForLongMakesRoom) {
+  const pid_t first = holder(61);
+  sign(first, 1);  // in the first second after the machine's start
+  EXPECT_EQ(0, run_in_child([] { return hal_init(61) == 0 ? 0 : 2; }));
+  int status = 0;
+  EXPECT_EQ(first, waitpid(first, &status, 0));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 9);
+}
+
+TEST_F(HalLockTest, StoppedProcessThatTheLockNamesWronglyIsLeftAlone) {
+  const pid_t first = holder(61);
+  const pid_t bystander = holder(62);
+  int status = 0;
+  kill(bystander, SIGSTOP);
+  ASSERT_EQ(bystander, waitpid(bystander, &status, WUNTRACED));
+  sign(bystander, 1);
   EXPECT_EQ(1, run_in_child([] { return hal_init(61) == 0 ? 0 : 2; }));
+  EXPECT_EQ(0, waitpid(first, &status, WNOHANG));
+  EXPECT_EQ(0, waitpid(bystander, &status, WNOHANG));
   kill_and_wait(first);
+  kill_and_wait(bystander);
+}
+
+TEST_F(HalLockTest, SignatureThatIsNoneNamesNobody) {
+  const pid_t first = holder(61);
+  const std::string number = std::to_string(first);
+  for (const std::string& text :
+       {std::string(), number + " 1\n", std::string(32, ' '), std::string(32, '9'),
+        std::string(10 - number.size(), ' ') + number + " 99999999999999999999\n",
+        std::string("        -1                    1\n")}) {
+    write_file(at("/var/run/morva/client-61.lock"), text);
+    EXPECT_EQ(1, run_in_child([] { return hal_init(61) == 0 ? 0 : 2; })) << text;
+    EXPECT_EQ(0, waitpid(first, nullptr, WNOHANG));
+  }
+  kill_and_wait(first);
+}
+
+TEST_F(HalLockTest, TimerOfTheLoopSignsTheLock) {
+  EXPECT_EQ(0, run_in_child([this] {
+              thread_master* master = thread_master_create();
+              if (hal_init(61) != 0) {
+                return 2;
+              }
+              sign(1, 1);
+              const auto leave = [](thread* thread) {
+                funcname_thread_add_timer(thread->master, end_child, thread->arg, 0, "end", "", 1);
+                return 0;
+              };
+              lock_file = at("/var/run/morva/client-61.lock");
+              funcname_thread_add_timer(master, leave, nullptr, 0, "leave", "", 1);
+              thread_main(master);
+              return 3;
+            }));
+}
+
+TEST_F(HalLockTest, SignalDuringTheAttachmentWaitsForItsHandler) {
+  setenv("MORVA_QUERY_DEADLINE_MS", "60000", 1);
+  int go[2];
+  ASSERT_EQ(0, pipe(go));
+  const pid_t child = fork();
+  if (child == 0) {
+    char byte = 0;
+    EXPECT_EQ(1, read(go[0], &byte, 1));
+    thread_master* master = thread_master_create();
+    hal_init(61);
+    const loop_signal table[] = {{SIGTERM, [] { _exit(7); }}};
+    signal_init(master, 1, table);
+    _exit(8);
+  }
+  {
+    // The module takes the request, and never answers.
+    FakeModule module("hal", [child](int fd) {
+      kill(child, SIGTERM);
+      char byte = 0;
+      while (recv(fd, &byte, 1, 0) > 0) {
+      }
+    });
+    EXPECT_EQ(1, write(go[1], "g", 1));
+    int status = 0;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7) << status;
+  }
+  close(go[0]);
+  close(go[1]);
 }
 
 TEST_F(HalLockTest, OtherNumbersAreFree) {

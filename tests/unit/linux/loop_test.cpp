@@ -4,6 +4,7 @@
 #include "platform/loop.h"
 
 #include <event2/event.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -324,6 +325,84 @@ TEST(LoopTest, StartStepsRunOnceInOrderBeforeTheFirstCallback) {
   order.clear();
   thread_main(master);
   EXPECT_EQ("callback ", order);
+}
+
+// A child waits here until its module is there.
+void await(const Pipe& go) {
+  char byte = 0;
+  EXPECT_EQ(1, read(go.reader(), &byte, 1));
+}
+
+// A child whose start asks a module that never answers; its handler's status, or 8 when it is not
+// told before the question is over.
+TEST(LoopTest, WaitOfAStartRunsTheHandler) {
+  class Root : public RootTest {
+    void TestBody() override {}
+  } root;
+  setenv("MORVA_QUERY_DEADLINE_MS", "60000", 1);
+  for (const int signo : {SIGTERM, SIGINT, SIGQUIT, SIGTSTP}) {
+    Pipe go;
+    const pid_t child = fork();
+    if (child == 0) {
+      await(go);
+      thread_master* master = thread_master_create();
+      const loop_signal table[] = {{signo, [] { _exit(7); }}};
+      signal_init(master, 1, table);
+      char reply[64];
+      morva_call("mono", "{}", reply, sizeof reply, morva_deadline_ms());
+      _exit(8);
+    }
+    FakeModule module("mono", [child, signo](int fd) {
+      kill(child, signo);
+      char byte = 0;
+      while (recv(fd, &byte, 1, 0) > 0) {
+      }
+    });
+    ASSERT_EQ(1, write(go.writer(), "g", 1));
+    int status = 0;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7) << signo;
+  }
+}
+
+bool query_is_over;
+
+int ask_once(thread* /*thread*/) {
+  char reply[64];
+  morva_call("mono", "{}", reply, sizeof reply, 300);
+  query_is_over = true;
+  return 0;
+}
+
+int ask_on_the_next_turn(thread* thread) {
+  funcname_thread_add_timer(thread->master, ask_once, nullptr, 0, "ask_once", "loop_test", 1);
+  return 0;
+}
+
+TEST(LoopTest, CallbackOfARunningLoopEndsBeforeTheHandlerRuns) {
+  class Root : public RootTest {
+    void TestBody() override {}
+  } root;
+  Pipe go;
+  const pid_t child = fork();
+  if (child == 0) {
+    await(go);
+    thread_master* master = thread_master_create();
+    const loop_signal table[] = {{SIGTERM, [] { _exit(query_is_over ? 7 : 8); }}};
+    signal_init(master, 1, table);
+    funcname_thread_add_timer(master, ask_on_the_next_turn, nullptr, 1, "ask", "loop_test", 1);
+    thread_main(master);
+    _exit(9);
+  }
+  FakeModule module("mono", [child](int fd) {
+    kill(child, SIGTERM);
+    pollfd until_gone = {fd, 0, 0};
+    poll(&until_gone, 1, 30000);  // POLLHUP: the caller gave up
+  });
+  ASSERT_EQ(1, write(go.writer(), "g", 1));
+  int status = 0;
+  EXPECT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7) << status;
 }
 
 int daemon_pipe;
