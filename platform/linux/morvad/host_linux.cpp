@@ -24,10 +24,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "platform/linux/morvad/kernel/netlink.h"
 #include "platform/linux/morvad/log.h"
 #include "platform/linux/paths.h"
+#include "platform/linux/process_lock.h"
 
 extern char** environ;
 
@@ -35,6 +37,7 @@ namespace morvad {
 namespace {
 
 constexpr char kEventSocket[] = "/var/run/qel.udp";
+constexpr uint64_t kNsPerMs = 1000000;
 
 /// One interface ioctl on an IPv4 address; `address` is in network byte order. 0 or -errno.
 int address_ioctl(const std::string& interface, unsigned long request, in_addr_t& address) {
@@ -54,6 +57,26 @@ int address_ioctl(const std::string& interface, unsigned long request, in_addr_t
   memcpy(&value, &message.ifr_addr, sizeof value);
   address = value.sin_addr.s_addr;
   return 0;
+}
+
+int open_process(pid_t pid) {
+  return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+}
+
+bool has_ended(int process) {
+  pollfd ended = {process, POLLIN, 0};
+  return poll(&ended, 1, 0) > 0;
+}
+
+/// Starts the program in a process group of its own, which ends as a whole.
+int spawn_group(pid_t& pid, const char* path, char* const argv[]) {
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setpgroup(&attributes, 0);
+  const int error = posix_spawn(&pid, path, nullptr, &attributes, argv, environ);
+  posix_spawnattr_destroy(&attributes);
+  return error;
 }
 
 }  // namespace
@@ -136,7 +159,7 @@ bool HostLinux::run(const std::string& path, const std::string& argument,
   std::string first = argument;
   char* const argv[] = {program.data(), first.data(), nullptr};
   pid_t pid = 0;
-  const int error = posix_spawn(&pid, path.c_str(), nullptr, nullptr, argv, environ);
+  const int error = spawn_group(pid, path.c_str(), argv);
   if (error != 0) {
     log_line(path + ": " + strerror(error));
     return false;
@@ -158,17 +181,14 @@ void HostLinux::reap() {
 }
 
 void HostLinux::attach(pid_t pid) {
-  std::erase_if(attached_, [](const auto& fd) {
-    pollfd ended = {fd->get(), POLLIN, 0};
-    return poll(&ended, 1, 0) > 0;
-  });
+  attached_.remove_if([](const Attached& each) { return has_ended(each.process.get()); });
   if (pid <= 1 || pid == getpid()) {
     return;
   }
   // A pidfd stays with its process, so nobody else is told when the number was given away again.
-  const long fd = syscall(SYS_pidfd_open, pid, 0);
+  const int fd = open_process(pid);
   if (fd >= 0) {
-    attached_.push_back(std::make_unique<UniqueFd>(static_cast<int>(fd)));
+    attached_.emplace_back(pid, fd);
   }
 }
 
@@ -180,19 +200,69 @@ void HostLinux::restart(bool whole_host) {
   event_base_loopexit(base_, &moment);
 }
 
-int HostLinux::finish() {
-  if (!restart_) {
-    return 0;
+/// A daemon that started before us, or outlived the morvad before us, never told us of itself; its
+/// client number does.
+void HostLinux::attach_holders() {
+  attached_.remove_if([](const Attached& each) { return has_ended(each.process.get()); });
+  char folder[kMorvaPathSize];
+  std::error_code error;
+  const std::filesystem::path place(morva_path(folder, sizeof folder, MORVA_RUN_DIR));
+  for (std::filesystem::directory_iterator each(place, error), end; !error && each != end;
+       each.increment(error)) {
+    const std::string name = each->path().filename();
+    if (!name.starts_with("client-") || !name.ends_with(".lock")) {
+      continue;
+    }
+    const UniqueFd lock(process_lock_open(each->path().c_str()));
+    LockHolder holder;
+    if (!lock.valid() || !process_lock_holder(lock.get(), &holder)) {
+      continue;
+    }
+    const auto same = [&holder](const Attached& known) { return known.pid == holder.pid; };
+    if (std::none_of(attached_.begin(), attached_.end(), same)) {
+      attached_.emplace_back(holder.pid, holder.process.release());
+    }
   }
-  if (whole_host_) {
+}
+
+void HostLinux::end_processes() {
+  if (restart_) {
+    attach_holders();
+    for (const Attached& each : attached_) {
+      process_signal(each.process.get(), SIGTERM);
+      process_signal(each.process.get(), SIGCONT);  // a stopped one takes SIGTERM only then
+    }
+  } else {
+    attached_.clear();
+  }
+  // A child keeps its number, and its group's, until it is collected: the number is safe here.
+  for (const Child& each : children_) {
+    attached_.emplace_back(each.pid, open_process(each.pid));
+    kill(-each.pid, SIGTERM);
+  }
+  const uint64_t end = now_ns() + kProcessEndMs * kNsPerMs;
+  for (const Attached& each : attached_) {
+    const uint64_t now = now_ns();
+    if (!process_wait(each.process.get(), now < end ? (end - now) / kNsPerMs : 0, poll_one)) {
+      log_line("process " + std::to_string(each.pid) + " did not end, it is killed");
+      process_signal(each.process.get(), SIGKILL);
+    }
+  }
+  for (const Child& each : children_) {
+    kill(-each.pid, SIGKILL);  // what is left of its group
+    waitpid(each.pid, nullptr, WNOHANG);
+  }
+  children_.clear();
+}
+
+int HostLinux::finish() {
+  if (restart_ && whole_host_) {
     sync();
     reboot(LINUX_REBOOT_CMD_RESTART);
     log_line(std::string("the host does not restart: ") + strerror(errno));
   }
-  for (const auto& fd : attached_) {
-    syscall(SYS_pidfd_send_signal, fd->get(), SIGTERM, nullptr, 0);
-  }
-  return kExitRestart;
+  end_processes();
+  return restart_ ? kExitRestart : 0;
 }
 
 }  // namespace morvad

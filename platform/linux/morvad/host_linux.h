@@ -8,7 +8,6 @@
 
 #include <list>
 #include <memory>
-#include <vector>
 
 #include "platform/linux/fd.h"
 #include "platform/linux/morvad/host.h"
@@ -37,8 +36,9 @@ class HostLinux : public Host {
   /// Collects the children that ended; called on SIGCHLD.
   void reap();
 
-  /// What main has to do after the loop: the exit status, once the attached processes were told
-  /// (and, after a restart of the whole host, only when that failed).
+  /// What main has to do after the loop, and after it closed its sockets: the exit status, once the
+  /// children and, at a restart, the attached processes have ended (after a restart of the whole
+  /// host only when that failed). Takes kProcessEndMs at the most: what is left then is killed.
   int finish();
 
  private:
@@ -47,11 +47,19 @@ class HostLinux : public Host {
     pid_t pid;
     std::function<void(int)> done;
   };
+  struct Attached {
+    Attached(pid_t number, int pidfd) : pid(number), process(pidfd) {}
+    pid_t pid;  // for the log: signals go through the pidfd
+    UniqueFd process;
+  };
+
+  void attach_holders();
+  void end_processes();
 
   event_base* base_;
   std::list<std::unique_ptr<Timer>> timers_;
   std::list<Child> children_;
-  std::vector<std::unique_ptr<UniqueFd>> attached_;  // pidfds
+  std::list<Attached> attached_;
   bool restart_ = false;
   bool whole_host_ = false;
 };

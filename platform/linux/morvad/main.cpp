@@ -24,7 +24,9 @@
 #include "platform/linux/morvad/management.h"
 #include "platform/linux/morvad/manager.h"
 #include "platform/linux/morvad/names.h"
+#include "platform/linux/morvad/only_one.h"
 #include "platform/linux/morvad/query_server.h"
+#include "platform/linux/notify.h"
 #include "platform/linux/paths.h"
 #include "platform/linux/usage.h"
 
@@ -98,31 +100,17 @@ void end_loop(evutil_socket_t, short, void* base) {
   event_base_loopbreak(static_cast<event_base*>(base));
 }
 
-int run(Board board) {
-  make_folder(MORVA_RUN_DIR, 0750);
-  make_folder("/var/conf", 0755);
-  signal(SIGPIPE, SIG_IGN);
-  let_clients_finish();
-
-  const std::unique_ptr<event_base, BaseDeleter> base(event_base_new());
-  Settings settings;
-  settings.fill(board.nvram);
-  HostLinux host(base.get());
+/// The switch at work, until the loop ends: the exit status. Nothing of it is open afterwards, so
+/// that nobody waits for an answer while the processes of the switch end.
+int serve(event_base* base, Board board, Settings& settings, HostLinux& host) {
   Switch sw(std::move(board), settings, host);
   apply_management(sw, host);
 
   Context context{sw, host};
-  Manager manager(base.get(), sw);
+  Manager manager(base, sw);
   sw.observe([&manager](const Port& port, PortEvent event) { manager.tell(port, event); });
-  KernelSwitch kernel(base.get(), sw, host);
-  QueryServer server(base.get(), context);
-  const EventPtr watches[] = {
-      on_signal(base.get(), SIGTERM, end_loop, base.get()),
-      on_signal(base.get(), SIGINT, end_loop, base.get()),
-      on_signal(
-          base.get(), SIGCHLD,
-          [](evutil_socket_t, short, void* raw) { static_cast<HostLinux*>(raw)->reap(); }, &host),
-  };
+  KernelSwitch kernel(base, sw, host);
+  QueryServer server(base, context);
   const std::string refusal = kernel.start();
   if (!refusal.empty()) {
     log_line("ports in the kernel: " + refusal);
@@ -138,7 +126,36 @@ int run(Board board) {
   }
   send_poe_update_soon(context);  // an agent that lived on knows the figures of before
   log_line("board " + sw.board().name + ", " + std::to_string(sw.ports().size()) + " ports, ready");
-  event_base_dispatch(base.get());
+  notify_ready(base);
+  event_base_dispatch(base);
+  return 0;
+}
+
+int run(Board board) {
+  notify_read_environment();
+  make_folder(MORVA_RUN_DIR, 0750);
+  make_folder("/var/conf", 0755);
+  signal(SIGPIPE, SIG_IGN);
+  if (!hold_switch()) {
+    return kExitFailed;
+  }
+  let_clients_finish();
+
+  const std::unique_ptr<event_base, BaseDeleter> base(event_base_new());
+  Settings settings;
+  settings.fill(board.nvram);
+  HostLinux host(base.get());
+  const EventPtr watches[] = {
+      on_signal(base.get(), SIGTERM, end_loop, base.get()),
+      on_signal(base.get(), SIGINT, end_loop, base.get()),
+      on_signal(
+          base.get(), SIGCHLD,
+          [](evutil_socket_t, short, void* raw) { static_cast<HostLinux*>(raw)->reap(); }, &host),
+  };
+  const int failed = serve(base.get(), std::move(board), settings, host);
+  if (failed != 0) {
+    return failed;
+  }
   const int status = host.finish();
   if (status == kExitRestart) {
     settings.clear_temporary();

@@ -17,6 +17,7 @@
 
 #include "platform/linux/fd.h"
 #include "platform/linux/morvad/host_linux.h"
+#include "platform/linux/process_lock.h"
 #include "support.h"
 
 namespace morvad {
@@ -101,7 +102,10 @@ TEST(HostLinux, RunsAProgramAndTellsItsEnd) {
   event_base_free(base);
 }
 
-TEST(HostLinux, ARestartEndsTheAttachedProcesses) {
+/// A restart ends whoever holds a client number below the root: one of the test's own.
+using HostRestartTest = RootTest;
+
+TEST_F(HostRestartTest, ARestartEndsTheAttachedProcesses) {
   const pid_t child = fork();
   if (child == 0) {
     for (;;) {
@@ -125,6 +129,75 @@ TEST(HostLinux, ARestartEndsTheAttachedProcesses) {
   int status = 0;
   EXPECT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+}
+
+TEST_F(HostRestartTest, ARestartEndsAProcessThatIsStopped) {
+  const pid_t child = fork();
+  if (child == 0) {
+    for (;;) {
+      pause();
+    }
+  }
+  int status = 0;
+  kill(child, SIGSTOP);
+  ASSERT_EQ(waitpid(child, &status, WUNTRACED), child);
+  event_base* base = event_base_new();
+  {
+    HostLinux host(base);
+    host.attach(child);
+    host.restart(false);
+    event_base_dispatch(base);
+    EXPECT_EQ(host.finish(), kExitRestart);
+  }
+  event_base_free(base);
+  EXPECT_EQ(waitpid(child, &status, WNOHANG), child);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+}
+
+TEST_F(HostRestartTest, ARestartEndsWhoHoldsAClientNumberAndNeverAttached) {
+  const std::string file = at("/var/run/morva/client-61.lock");
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    const int lock = process_lock_open(file.c_str());
+    const bool taken = process_lock_try(lock) == 0;
+    process_lock_keep(lock);
+    [[maybe_unused]] const ssize_t told = write(ready[1], taken ? "y" : "n", 1);
+    for (;;) {
+      pause();
+    }
+  }
+  char answer = 0;
+  ASSERT_EQ(read(ready[0], &answer, 1), 1);
+  EXPECT_EQ(answer, 'y');
+  event_base* base = event_base_new();
+  {
+    HostLinux host(base);
+    host.restart(false);
+    event_base_dispatch(base);
+    EXPECT_EQ(host.finish(), kExitRestart);
+  }
+  event_base_free(base);
+  int status = 0;
+  EXPECT_EQ(waitpid(child, &status, WNOHANG), child);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+  close(ready[0]);
+  close(ready[1]);
+}
+
+TEST_F(HostRestartTest, AProgramThatHangsEndsWithMorvad) {
+  event_base* base = event_base_new();
+  bool told = false;
+  {
+    HostLinux host(base);
+    ASSERT_TRUE(host.run("/bin/sleep", "1000", [&](int) { told = true; }));
+    EXPECT_EQ(host.finish(), 0);
+  }
+  event_base_free(base);
+  EXPECT_FALSE(told);  // nothing of the switch is left that could hear it
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
 }
 
 // --- programs ---------------------------------------------------------------------------------
