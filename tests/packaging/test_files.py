@@ -53,6 +53,24 @@ def test_a_service_starts_again_after_a_failure_and_when_the_switch_restarts(nam
     assert values["RestartForceExitStatus"] == [restart_status]
 
 
+@pytest.mark.parametrize("name", UNITS)
+def test_a_service_that_does_not_turn_its_loop_is_started_again(name):
+    values = unit(name)
+    # Both send READY=1 themselves, and feed from their event loop.
+    assert values["Type"] == ["notify"]
+    assert values["NotifyAccess"] == ["main"]
+    assert values["Restart"] == ["on-failure"]  # of which a watchdog that was not fed is one
+    # A watchdog must outlast what holds a loop in good order: an image that wget fetches, the
+    # 5 seconds in which morvad waits for processes that have to end.
+    assert values["WatchdogSec"] == [{"morvad": "30", "qel": "10min"}[name]]
+
+
+def test_a_service_that_does_not_end_is_killed_in_time():
+    # What morvad gives others to end, and five modules that run into the agent's deadline.
+    for name, longest in (("morvad", 5), ("qel", 5 * 2)):
+        assert int(*unit(name)["TimeoutStopSec"]) > longest
+
+
 def test_the_platform_starts_first():
     assert "qel.service" in unitfile.words(unit("morvad"), "Before")
     assert "morvad.service" in unitfile.words(unit("qel"), "After")
