@@ -582,9 +582,9 @@ TEST_F(ProbeTest, SystemMacIsInTheTextAndTheInterfacesMacInTheFrame) {
                                   R"("data":{"mac":"00ff0a000001",)"));
 }
 
-TEST_F(ProbeTest, TextsAreInsertedWithoutEscaping) {
-  fake::set_nvram("product_description", R"(a"b\c)");
-  EXPECT_THAT(answer_to("{}"), HasSubstr(R"("name":"a"b\c","model")"));
+TEST_F(ProbeTest, NameOfPlainTextIsInsertedAsItIs) {
+  fake::set_nvram("product_description", "a'b/c %n {[:,]} \xc3\xa4\xff");
+  EXPECT_THAT(answer_to("{}"), HasSubstr("\"name\":\"a'b/c %n {[:,]} \xc3\xa4\xff\",\"model\""));
 }
 
 TEST_F(ProbeTest, LongestSettingsAreAnsweredWhole) {
