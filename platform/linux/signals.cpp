@@ -129,12 +129,14 @@ int signals_poll(int fd, short events, int milliseconds) {
   if (serving || wake_fd < 0) {
     return poll(entries, 1, milliseconds);
   }
-  const int ready = signals_held() ? 1 : poll(entries, 2, milliseconds);
+  const int ready = signals_held() ? 0 : poll(entries, 2, milliseconds);
   const int error = errno;
-  signals_run();
   if (signals_held()) {
     errno = ECANCELED;
     return -1;
+  }
+  if (entries[1].revents != 0) {
+    signals_run();
   }
   if (ready > 0 && entries[0].revents == 0) {
     errno = EINTR;

@@ -226,22 +226,22 @@ void HostLinux::attach_holders() {
 }
 
 void HostLinux::end_processes() {
+  std::list<Attached> ending;
   if (restart_) {
     attach_holders();
-    for (const Attached& each : attached_) {
-      process_signal(each.process.get(), SIGTERM);
-      process_signal(each.process.get(), SIGCONT);  // a stopped one takes SIGTERM only then
-    }
-  } else {
-    attached_.clear();
+    ending.swap(attached_);
+  }
+  for (const Attached& each : ending) {
+    process_signal(each.process.get(), SIGTERM);
+    process_signal(each.process.get(), SIGCONT);  // a stopped one takes SIGTERM only then
   }
   // A child keeps its number, and its group's, until it is collected: the number is safe here.
   for (const Child& each : children_) {
-    attached_.emplace_back(each.pid, open_process(each.pid));
+    ending.emplace_back(each.pid, open_process(each.pid));
     kill(-each.pid, SIGTERM);
   }
   const uint64_t end = now_ns() + kProcessEndMs * kNsPerMs;
-  for (const Attached& each : attached_) {
+  for (const Attached& each : ending) {
     const uint64_t now = now_ns();
     if (!process_wait(each.process.get(), now < end ? (end - now) / kNsPerMs : 0, poll_one)) {
       log_line("process " + std::to_string(each.pid) + " did not end, it is killed");

@@ -17,6 +17,7 @@ using gateway_test::gzip;
 using gateway_test::kTarEnd;
 using gateway_test::member;
 using gateway_test::OnFakeWire;
+using gateway_test::operator+;
 using gateway_test::probe_answer;
 using gateway_test::reply;
 using gateway_test::reply_with_chunk;
@@ -28,7 +29,7 @@ class RestoreTest : public OnFakeWire {
   void SetUp() override {
     archive =
         gzip(member("nvram.conf", "a=1\nb=2\n") + member("qel.conf", "qel enable\n") + kTarEnd);
-    wire.on_send = [this](const Sent& sent) { obey(sent.text); };
+    wire.on_send = [this](const Sent& message) { obey(message.text); };
   }
 
   // A switch after it took an archive: probes, counters, and a backup of one chunk.
