@@ -92,6 +92,7 @@ int qel_os_accept(int fd, struct sockaddr* address, socklen_t* length) {
 
 ssize_t qel_os_recvfrom(int fd, void* buffer, size_t size, struct sockaddr* address,
                         socklen_t* length) {
+  used_otherwise(fd);
   return recvfrom(fd, buffer, size, MSG_DONTWAIT, address, length);
 }
 
@@ -101,15 +102,21 @@ ssize_t qel_os_recvmsg(int fd, struct msghdr* message) {
 
 ssize_t qel_os_sendto(int fd, const void* data, size_t length, int flags,
                       const struct sockaddr* address, socklen_t address_length) {
+  used_otherwise(fd);
   return sendto(fd, data, length, flags, address, address_length);
 }
 
 ssize_t qel_os_write(int fd, const void* data, size_t length) {
+  used_otherwise(fd);
   return write(fd, data, length);
 }
 
 int qel_os_close(int fd) {
   for (query_socket& one : query_sockets) {
+    if (fd >= 0 && one.kept == fd) {
+      errno = EBADF;  // its user closed it before; it is not theirs any more
+      return -1;
+    }
     if (fd >= 0 && one.lent == fd) {
       one.lent = -1;
       if (one.kept < 0) {

@@ -40,7 +40,7 @@ ssize_t qel_os_recvmsg(int fd, struct msghdr* message);
 ssize_t qel_os_sendto(int fd, const void* data, size_t length, int flags,
                       const struct sockaddr* address, socklen_t address_length);
 
-// write(2) and close(2).
+// write(2) and close(2). Closing a socket twice fails with EBADF, also when it was kept.
 ssize_t qel_os_write(int fd, const void* data, size_t length);
 int qel_os_close(int fd);
 
