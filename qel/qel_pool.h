@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A pool of fixed-size records on a used and a free list, grown in blocks and recycled by age.
-// Records never go back to the heap: steady traffic allocates nothing.
+// Records never go back to the heap, and a record changes lists together with its node: steady
+// traffic allocates nothing.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +11,19 @@
 #include "platform/list.h"
 #include "platform/log.h"
 #include "qel/qel_os.h"
+
+// Takes `node` out of `from` and appends it to `to`. The platform's own calls would free a node and
+// make another.
+inline void qel_pool_move(struct list* from, struct list* to, struct listnode* node) {
+  (node->prev != nullptr ? node->prev->next : from->head) = node->next;
+  (node->next != nullptr ? node->next->prev : from->tail) = node->prev;
+  --from->count;
+  node->next = nullptr;
+  node->prev = to->tail;
+  (to->tail != nullptr ? to->tail->next : to->head) = node;
+  to->tail = node;
+  ++to->count;
+}
 
 // `Record` is plain data with a member `time` (seconds since the epoch).
 template <typename Record>
@@ -70,21 +84,24 @@ struct qel_pool {
     });
   }
 
-  // Takes the first free record and puts it on the used list; null when none is free.
+  // Takes the first free record, of which there must be one, and puts it on the used list.
   Record* take() {
-    auto* record = static_cast<Record*>(listnode_head(free));
-    if (record != nullptr) {
-      listnode_delete(free, record);
-      listnode_add(used, record);
-    }
-    return record;
+    struct listnode* node = free->head;
+    qel_pool_move(free, used, node);
+    return static_cast<Record*>(node->data);
   }
 
-  // Moves a used record to the free list, zeroed.
+  // Moves a used record to the free list, zeroed. One that is not used is left alone.
   void release(Record* record) {
-    listnode_delete(used, record);
+    struct listnode* node = used->head;
+    while (node != nullptr && node->data != record) {
+      node = node->next;
+    }
+    if (node == nullptr) {
+      return;
+    }
     *record = Record{};
-    listnode_add(free, record);
+    qel_pool_move(used, free, node);
   }
 
   // The first used record that `matches`, or null. Walks for `function` of `file`.

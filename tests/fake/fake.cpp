@@ -59,6 +59,10 @@ std::vector<std::string> calls_of(const std::vector<std::string_view>& prefixes)
   return found;
 }
 
+void note(const std::string& text) {
+  state().calls.push_back(text);
+}
+
 void clear_records() {
   state().calls.clear();
   internal::clear_jclient_records();

@@ -46,6 +46,9 @@ const std::vector<std::string>& calls();
 // Those of them that begin with one of `prefixes`, in order.
 std::vector<std::string> calls_of(const std::vector<std::string_view>& prefixes);
 
+// Adds a text of the test's own to calls(), at the place where the agent is.
+void note(const std::string& text);
+
 // Forgets calls, sent datagrams, queries, settings written, shell commands, log and console lines;
 // state stays. For tests whose subject begins after a set-up.
 void clear_records();
@@ -112,6 +115,14 @@ const std::vector<std::string>& console();
 std::string console_text();
 // The modes in which it was opened, in order.
 const std::vector<std::string>& console_modes();
+// Runs at each of those texts, which is on the record by then.
+void on_console(std::function<void()> action);
+
+// ---------------------------------------------------------------------------------------------
+// Lists
+
+// How many nodes listnode_add has made since the process began.
+size_t list_nodes_made();
 
 // ---------------------------------------------------------------------------------------------
 // Interfaces and ports
@@ -291,6 +302,9 @@ struct Sent {
 };
 const std::vector<Sent>& sent();
 
+// Runs at each datagram sent, which is on the record by then.
+void on_send(std::function<void()> action);
+
 // What the kernel says of a frame beside its bytes, as if it had come through "vlanif1", untagged,
 // unless something else is given.
 struct Arrival {
@@ -337,6 +351,8 @@ bool write_pcap(const std::string& path);
 void set_file(const std::string& path, std::string_view bytes);
 std::optional<std::string> file(const std::string& path);
 void remove_file(const std::string& path);
+// The paths of the files that are open, the console left out.
+std::vector<std::string> open_files();
 
 // Other entries than files and files with particulars: a folder (mode 040700), a link (0120777), a
 // FIFO (010600) ... `links` counts its names; `size` other than that of the bytes of set_file is

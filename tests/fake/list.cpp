@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/log.h"
+#include "tests/fake/fake.h"
 #include "tests/fake/internal.h"
 
 namespace {
@@ -16,6 +17,8 @@ std::vector<struct list*>& all_lists() {
   static auto* const instance = new std::vector<struct list*>;
   return *instance;
 }
+
+size_t g_nodes_made = 0;
 
 }  // namespace
 
@@ -32,6 +35,7 @@ struct list* list_new(void) {
 }
 
 void listnode_add(struct list* list, void* data) {
+  ++g_nodes_made;
   auto* const node = new listnode{nullptr, list->tail, data};
   if (list->tail == nullptr) {
     list->head = node;
@@ -63,6 +67,14 @@ void* listnode_head(struct list* list) {
 }
 
 }  // extern "C"
+
+namespace fake {
+
+size_t list_nodes_made() {
+  return g_nodes_made;
+}
+
+}  // namespace fake
 
 namespace fake::internal {
 

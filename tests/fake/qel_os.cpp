@@ -50,6 +50,7 @@ struct State {
   std::string job;      // the command that runs beside the loop
   qel_os_job job_ids;   // as it was handed out
   int job_status = -1;  // with which it ends
+  std::function<void()> send_hook;
 };
 
 State& state() {
@@ -288,6 +289,9 @@ ssize_t qel_os_sendto(int fd, const void* data, size_t length, int flags,
     std::memcpy(&sent.to, address, sent.to_length);
   }
   state().sent.push_back(sent);
+  if (state().send_hook) {
+    state().send_hook();
+  }
   return static_cast<ssize_t>(length);
 }
 
@@ -419,6 +423,10 @@ int Sent::port() const {
 
 const std::vector<Sent>& sent() {
   return state().sent;
+}
+
+void on_send(std::function<void()> action) {
+  state().send_hook = std::move(action);
 }
 
 NetInterface& net(const std::string& name) {

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <set>
 
 #include "qel/qel_os.h"
 #include "tests/fake/fake.h"
@@ -33,6 +34,8 @@ struct State {
   int shell_status = 0;
   std::function<int(const std::string&)> shell_hook;
   std::function<void()> write_hook;
+  std::function<void()> console_hook;
+  std::multiset<std::string> open;
   std::map<std::string, Failure> failures;
   std::map<std::string, size_t> cut_writes;        // bytes of the next write, by path
   std::map<std::string, fake::FileEntry> entries;  // what is no plain file, by path
@@ -177,6 +180,13 @@ int close_file(void* cookie) {
   auto* const file = static_cast<OpenFile*>(cookie);
   if (file->path == kConsolePath) {
     state().console.push_back(file->bytes);
+    if (state().console_hook) {
+      state().console_hook();
+    }
+  }
+  const auto opened = state().open.find(file->path);
+  if (opened != state().open.end()) {
+    state().open.erase(opened);
   }
   delete file;
   return 0;
@@ -210,6 +220,9 @@ std::FILE* qel_os_fopen(const char* path, const char* mode) {
   }
   if (mode[0] != 'r' && !console) {
     state().files[path] = file->bytes;
+  }
+  if (!console) {
+    state().open.insert(path);
   }
   return fopencookie(file, mode, {read_file, write_file, seek_file, close_file});
 }
@@ -431,11 +444,19 @@ void file_step() {
   }
 }
 
+std::vector<std::string> open_files() {
+  return {state().open.begin(), state().open.end()};
+}
+
 const std::vector<std::string>& shell_commands() {
   return state().shell;
 }
 void set_shell_status(int status) {
   state().shell_status = status;
+}
+
+void on_console(std::function<void()> action) {
+  state().console_hook = std::move(action);
 }
 
 void on_write(std::function<void()> action) {

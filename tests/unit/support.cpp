@@ -100,6 +100,9 @@ AgentTest::AgentTest() {
 }
 
 AgentTest::~AgentTest() {
+  // What a hook refers to is gone with the test's body.
+  fake::on_console(nullptr);
+  fake::on_send(nullptr);
   reset_agent();
 }
 

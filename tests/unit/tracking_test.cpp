@@ -18,7 +18,11 @@
 
 extern "C" void* __real_calloc(size_t count, size_t size);
 bool g_calloc_fails = false;
+void (*g_on_calloc)(size_t count, size_t size) = nullptr;
 extern "C" __attribute__((used)) void* __wrap_calloc(size_t count, size_t size) {
+  if (g_on_calloc != nullptr) {
+    g_on_calloc(count, size);
+  }
   return g_calloc_fails ? nullptr : __real_calloc(count, size);
 }
 
@@ -46,6 +50,24 @@ std::vector<Record*> records(const struct list* list) {
   }
   return found;
 }
+
+// Counts what the lists could take from the heap while it lives: blocks of records and list nodes.
+class allocation_watch {
+ public:
+  allocation_watch() : nodes_before_(fake::list_nodes_made()) {
+    blocks = 0;
+    g_on_calloc = [](size_t, size_t) { ++blocks; };
+  }
+  ~allocation_watch() { g_on_calloc = nullptr; }
+  allocation_watch(const allocation_watch&) = delete;
+  allocation_watch& operator=(const allocation_watch&) = delete;
+
+  [[nodiscard]] size_t seen() const { return blocks + fake::list_nodes_made() - nodes_before_; }
+
+ private:
+  static inline size_t blocks = 0;
+  size_t nodes_before_;
+};
 
 // ---------------------------------------------------------------------------------------------
 // Packets
@@ -306,9 +328,14 @@ TEST_F(PacketListTest, FullListOfFreshPacketsGrowsByABlock) {
 }
 
 TEST_F(PacketListTest, SteadyTrafficAllocatesNothing) {
+  const allocation_watch watch;
   for (uint64_t id = 1; id <= 2000; ++id) {
     add(id);
+    if (id % 3 == 0) {
+      EXPECT_EQ(qel_eth_pkt_release(id), 0);
+    }
   }
+  EXPECT_EQ(watch.seen(), 0U);
   EXPECT_EQ(g_qel_eth_total, 32U);
   EXPECT_NE(qel_eth_pkt_lookup(2000), nullptr);
 }
@@ -530,10 +557,12 @@ TEST_F(RequestListTest, FullListOfFreshRequestsGrowsByABlockAndLosesNone) {
 }
 
 TEST_F(RequestListTest, SteadyTrafficAllocatesNothing) {
+  const allocation_watch watch;
   for (int i = 0; i < 300; ++i) {
     add_many(16);  // 48 within three seconds
     fake::advance(1);
   }
+  EXPECT_EQ(watch.seen(), 0U);
   EXPECT_EQ(g_qel_req.total, 64U);
 }
 
