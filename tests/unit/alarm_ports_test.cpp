@@ -439,25 +439,48 @@ TEST_F(AlarmPortsTest, ListsAreAnHourApartAndOnlyChangesAreReported) {
   EXPECT_EQ(entry(9).count, 0);
 }
 
-TEST_F(AlarmPortsTest, ListStaysWithin1024Bytes) {
+std::string name_of_31_bytes(int i) {
+  return "port-with-the-longest-name-" + std::to_string(1000 + i);
+}
+
+TEST_F(AlarmPortsTest, ListOf1024BytesIsTakenWholeAndCutByTheEntry) {
   for (int i = 0; i < 60; ++i) {
-    const std::string name = "port-with-the-longest-name-" + std::to_string(1000 + i);
-    fake::add_port(name.c_str());  // 31 bytes
+    fake::add_port(name_of_31_bytes(i).c_str());
   }
   start();
   for (int port = 0; port < 60; ++port) {
     entry(9).port_count[port] = 12;
   }
   qel_alarm_ports_report(9);
-  // 32 names of 31 bytes with their blanks are 1024 bytes; the message keeps what fits of them.
+  // 32 names of 31 bytes with their blanks are 1024 bytes; the entry keeps 1014 of them.
   std::string expected = R"({"ports":")";
   for (int i = 0; i < 32; ++i) {
-    expected += "port-with-the-longest-name-" + std::to_string(1000 + i) + " ";
+    expected += name_of_31_bytes(i) + " ";
   }
   EXPECT_EQ(std::string(entry(9).msg, 1024), expected.substr(0, 1024));
   fake::advance(3600);
   qel_alarm_ports_report(9);
   EXPECT_EQ(entry(9).last_time, kStart + 3600) << "cut, and so never the same";
+}
+
+// The long name would end at byte 1025 of the list, the short one behind it ends at byte 997.
+TEST_F(AlarmPortsTest, ListStaysWithin1024Bytes) {
+  fake::add_port("port-of-16-bytes");
+  fake::add_port("port-of-15-byte");
+  std::string expected = R"({"ports":"port-of-16-bytes port-of-15-byte )";
+  for (int i = 0; i < 30; ++i) {
+    fake::add_port(name_of_31_bytes(i).c_str());
+    expected += name_of_31_bytes(i) + " ";
+  }
+  fake::add_port(name_of_31_bytes(30).c_str());
+  fake::add_port("ge9");
+  fake::add_port("not-looked-at");
+  start();
+  for (int port = 0; port < 34; ++port) {
+    entry(9).port_count[port] = 12;
+  }
+  qel_alarm_ports_report(9);
+  EXPECT_EQ(message(9), expected + R"(ge9 "})");
 }
 
 TEST_F(AlarmPortsTest, KindOutsideTheTableHasNoList) {

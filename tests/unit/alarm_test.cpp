@@ -491,6 +491,28 @@ TEST_F(AlarmTest, PoeModuleThatAnswersNonsenseIsSkipped) {
   EXPECT_EQ(entry(5).count, 3);
 }
 
+TEST_F(AlarmTest, LoadMemoryAndPowerAreReportedAnHourApart) {
+  cpu(95);
+  memory(95);
+  poe(R"({"totalpower":1000,"usepower":1000})");
+  stdout_of([] { scans(36); });
+  for (const uint32_t type : {1U, 2U, 5U}) {
+    EXPECT_EQ(entry(type).last_time, kStart + 180) << type;
+  }
+  cpu(96);
+  memory(97);
+  poe(R"({"totalpower":1000,"usepower":9800})");
+  handed_over().clear();
+  fake::advance(3599);
+  stdout_of(qel_alarm_scan);
+  EXPECT_THAT(handed_over(), IsEmpty());
+  fake::advance(1);
+  stdout_of(qel_alarm_scan);
+  EXPECT_THAT(handed_over(), ElementsAre(Field(&HandedOver::message, R"({"value":"96"})"),
+                                         Field(&HandedOver::message, R"({"value":"97"})"),
+                                         Field(&HandedOver::message, R"({"value":"98"})")));
+}
+
 TEST_F(AlarmTest, PowerBeyond32BitsIsClampedAndDoesNotTrap) {
   poe(R"({"totalpower":1e300,"usepower":1e300})");
   EXPECT_EQ(stdout_of([] { scans(1); }), "totalpower=2040109464 usepower=2147483647 action=1 \r\n");
@@ -592,14 +614,36 @@ TEST_F(AlarmTest, StateThatIsNoObjectIsReportedAndBlocksNothing) {
   }
 }
 
-TEST_F(AlarmTest, StateWithHostilePortsIsSurvived) {
-  for (const std::string& ports :
-       {std::string("5"), std::string("[\"ge1\"]"), std::string("null"), std::string("\"\""),
-        "\"" + std::string(60000, ' ') + "\"", "\"" + std::string(60000, 'g') + "\"",
-        std::string("\"vlanif1 ge9 ge1\\u0000 ge2\"")}) {
+TEST_F(AlarmTest, StateWithHostilePortsBlocksThoseItNames) {
+  using Names = std::vector<std::string>;
+  const std::pair<std::string, Names> cases[] = {
+      {"5", {}},
+      {R"(["ge1"])", {}},
+      {"null", {}},
+      {R"("")", {}},
+      {R"("ge1ge2 GE1 ge")", {}},
+      {"\"" + std::string(60000, ' ') + "\"", {}},
+      {"\"" + std::string(60000, 'g') + "\"", {}},
+      {"\"ge4 " + std::string(30000, 'g') + std::string(20000, ' ') + "ge2\"", {"ge2", "ge4"}},
+      {R"("vlanif1 ge9 ge1\u0000 ge2")", {"ge1"}},
+  };
+  for (const auto& [ports, expected] : cases) {
+    for (const char* name : {"ge1", "ge2", "ge3", "ge4"}) {
+      qel_port_of(uif_get_by_name(name))->blocked = 1;
+    }
     mstp("{\"ports\":" + ports + "}");
+    fake::clear_records();
     EXPECT_EQ(scan(), 0);
-    EXPECT_FALSE(blocked("ge3"));
+    Names found;
+    for (const char* name : {"ge1", "ge2", "ge3", "ge4"}) {
+      if (blocked(name)) {
+        found.emplace_back(name);
+      }
+    }
+    EXPECT_EQ(found, expected) << ports.substr(0, 60);
+    EXPECT_THAT(fake::query_texts(),
+                testing::Contains(HasSubstr("port_statistic_qel_dot3_get_all")))
+        << "the scan goes on";
   }
 }
 

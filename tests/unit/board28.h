@@ -45,8 +45,8 @@ inline void add_board28() {
 }
 
 // What the modules "statistics" and "poe" answer on that switch.
-inline std::string statistics28() {
-  std::string text = R"({"data":[)";
+inline std::string statistics28(const std::string& head = R"({"ret":0,"data":[)") {
+  std::string text = head;
   for (int i = 1; i <= 28; ++i) {
     const std::string name = i <= 24 ? "ge" + std::to_string(i) : "xe" + std::to_string(i - 24);
     const auto number = [i](uint64_t base) {

@@ -415,13 +415,18 @@ TEST_F(ConfDownloadTest, BeginningDeletesTheOldFileFirst) {
   EXPECT_EQ(stored(), "abc");
 }
 
+// The CRC is that of what was kept in memory, the file what was stored.
 TEST_F(ConfDownloadTest, RepeatedAndSingleByteChunksAreAppendedAsTheyCome) {
   push({.index = 0, .next = 1, .total = 4, .bytes = "a"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 1)));
   push({.index = 1, .next = 1, .total = 4, .bytes = "b"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 2)));
   push({.index = 1, .next = 1, .total = 4, .bytes = "b"});
-  push({.index = 0, .next = 1, .total = 4, .bytes = "a"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(2, 2)));
+  push({.index = 0, .next = 1, .total = 4, .crc = 2230520031, .bytes = "a"});
   EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 1)));
   EXPECT_EQ(received_, "abba");
+  EXPECT_THAT(fake::console_text(), HasSubstr("crc32[0x84f308df], loadcrc32[0x84f308df]\n"));
 }
 
 TEST_F(ConfDownloadTest, CheckEndsTheDownloadAndTellsEqualFromDifferent) {
@@ -430,12 +435,19 @@ TEST_F(ConfDownloadTest, CheckEndsTheDownloadAndTellsEqualFromDifferent) {
   for (const bool equal : {true, false}) {
     ASSERT_EQ(qel_api_download_begin(5), 0);
     ASSERT_EQ(qel_api_download_conf_write(span), 0);
+    EXPECT_THAT(fake::open_files(), ElementsAre(kFile));
+    fake::clear_records();
     EXPECT_EQ(qel_api_download_conf_check(equal ? 0x3610a686 : 0x3610a687), equal ? 0 : -1);
+    EXPECT_THAT(fake::open_files(), IsEmpty());
     EXPECT_EQ(g_qel_conf.download_file, nullptr);
     EXPECT_EQ(g_qel_conf.download_data, nullptr);
     EXPECT_EQ(g_qel_conf.download_length, 0U);
+    EXPECT_THAT(fake::console(),
+                ElementsAre(MatchesRegex("\\[qel_api_download_conf_check,[0-9]+\\] "
+                                         "crc32\\[0x3610a686\\], loadcrc32\\[0x3610a68[67]\\]\n"),
+                            MatchesRegex("\\[qel_api_download_reset,[0-9]+\\] \n"),
+                            MatchesRegex("\\[qel_api_download_reset,[0-9]+\\] \n")));
   }
-  EXPECT_THAT(fake::console_text(), HasSubstr("[qel_api_download_conf_check,"));
 }
 
 TEST_F(ConfDownloadTest, FlashThatFailsDoesNotStopTheRestart) {
@@ -458,9 +470,13 @@ TEST_F(ConfDownloadTest, ApplyingWithoutTheFlagOnlyTellsSo) {
 }
 
 TEST_F(ConfDownloadTest, ResetIsToldAtItsStartAndAtItsEnd) {
+  ASSERT_EQ(qel_api_download_begin(5), 0);
+  std::vector<size_t> open;  // files, at each line
+  fake::on_console([&open] { open.push_back(fake::open_files().size()); });
   qel_api_download_reset();
   EXPECT_THAT(fake::console(), ElementsAre(MatchesRegex("\\[qel_api_download_reset,[0-9]+\\] \n"),
                                            MatchesRegex("\\[qel_api_download_reset,[0-9]+\\] \n")));
+  EXPECT_THAT(open, ElementsAre(1, 0));
 }
 
 TEST_F(ConfDownloadTest, DownloadNameWinsOverTheTableWhateverCmdSays) {

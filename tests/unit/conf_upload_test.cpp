@@ -3,6 +3,7 @@
 // The configuration archive on its way to the gateway: packed at the first request, served chunk by
 // chunk, dropped when nobody asks any more.
 #include <cerrno>
+#include <cstring>
 
 #include "qel/qel_api.h"
 #include "qel/qel_cmd.h"
@@ -349,15 +350,17 @@ TEST_F(ConfUploadTest, StartDeletesArchivesOfAnEarlierRun) {
 }
 
 TEST_F(ConfUploadTest, StartForgetsTheWholeTransferState) {
-  g_qel_conf.upload_length = 5;
-  g_qel_conf.upload_crc = 6;
-  g_qel_conf.download_length = 7;
-  g_qel_conf.download_total = 8;
+  std::memset(&g_qel_conf, 0xff, sizeof g_qel_conf);
   qel_api_conf_init();
-  EXPECT_EQ(g_qel_conf.upload_length, 0U);
-  EXPECT_EQ(g_qel_conf.upload_crc, 0U);
-  EXPECT_EQ(g_qel_conf.download_length, 0U);
-  EXPECT_EQ(g_qel_conf.download_total, 0U);
+  const qel_conf_transfer found = g_qel_conf;
+  g_qel_conf = qel_conf_transfer{};  // what is left of the pattern is not to be freed
+  EXPECT_EQ(found.upload_data, nullptr);
+  EXPECT_EQ(found.download_data, nullptr);
+  EXPECT_EQ(found.upload_length, 0U);
+  EXPECT_EQ(found.upload_crc, 0U);
+  EXPECT_EQ(found.download_length, 0U);
+  EXPECT_EQ(found.download_file, nullptr);
+  EXPECT_EQ(found.download_total, 0U);
 }
 
 TEST_F(ConfUploadTest, SecondGatewayReadsTheSameArchiveAndIsAnsweredItself) {

@@ -272,12 +272,15 @@ TEST_F(AgentTest, CpuSampleStaysWhenTheFileCannotBeOpened) {
 }
 
 TEST_F(AgentTest, CountersThatWrapDoNotTrap) {
+  // 2^64 - 1 busy and 5 idle are a total of 4, of which 5 are taken away: 2^64 - 1 of 4.
   fake::set_file("/proc/stat", "cpu 18446744073709551615 0 0 5 0 0 0 0\n");
-  qel_cpu_occupancy_now();
+  EXPECT_EQ(qel_cpu_occupancy_now(), INT32_MAX);
+  // Too large a number counts as 2^64 - 1, and -1 is the same: with 1 and 5 the total is 4.
   fake::set_file("/proc/stat", "cpu 99999999999999999999999999999 1 -1 5\n");
-  qel_cpu_occupancy_now();
+  EXPECT_EQ(qel_cpu_occupancy_now(), INT32_MAX);
+  // One number, cut at the line's 255 characters: three are missing.
   fake::set_file("/proc/stat", "cpu " + std::string(5000, '1') + "\n");
-  qel_cpu_occupancy_now();
+  EXPECT_EQ(qel_cpu_occupancy_now(), 0);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -339,10 +342,14 @@ TEST_F(AgentTest, MemorySampleStaysWhenTheFileCannotBeOpened) {
 }
 
 TEST_F(AgentTest, MoreFreeThanThereIsDoesNotTrap) {
+  // 1 - 2 is 2^32 - 1, in percent of 1 more than an integer holds.
   fake::set_file("/proc/meminfo", "MemTotal: 1 kB\nMemFree: 2 kB\n");
-  qel_mem_occupancy_now();
+  EXPECT_EQ(qel_mem_occupancy_now(), INT32_MAX);
+  fake::set_file("/proc/meminfo", "MemTotal: 2000000 kB\nMemFree: 2000001 kB\n");
+  EXPECT_EQ(qel_mem_occupancy_now(), 214748);
+  // The lowest 32 bits count: 2^32 - 1 in all, and 4 of them used.
   fake::set_file("/proc/meminfo", "MemTotal: 99999999999999999999 kB\nMemFree: -5 kB\n");
-  qel_mem_occupancy_now();
+  EXPECT_EQ(qel_mem_occupancy_now(), 0);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -544,10 +551,19 @@ TEST_F(ProbeTest, FiguresAreTakenAfreshForEachProbe) {
 }
 
 TEST_F(ProbeTest, ModelAndVersionsAreThoseOfTheStart) {
-  fake::set_nvram("product_model", "LATER");
-  fake::set_nvram("product_hw_ver", "LATER");
-  fake::set_nvram("firmware_ver", "LATER");
-  EXPECT_THAT(answer_to("{}"), testing::Not(HasSubstr("LATER")));
+  const auto set_product_texts = [](const std::string& when) {
+    fake::set_nvram("product_model", "MODEL-" + when);
+    fake::set_nvram("product_hw_ver", "HW-" + when);
+    fake::set_nvram("firmware_ver", "SW-" + when);
+  };
+  set_product_texts("START");
+  qel_devinfo_init();
+  set_product_texts("LATER");
+  fake::set_file("/proc/stat", "cpu 50 0 0 50 0 0 0 0\n");
+  const std::string answer = answer_to("{}");
+  EXPECT_THAT(answer, HasSubstr(R"("model":"MODEL-START",)"));
+  EXPECT_THAT(answer, HasSubstr(R"("hw_version":"HW-START","sw_version":"SW-START",)"));
+  EXPECT_THAT(answer, HasSubstr(R"("cpu":50,)")) << "taken afresh";
 }
 
 TEST_F(ProbeTest, StoredNameCannotWriteMembersOfTheAnswer) {

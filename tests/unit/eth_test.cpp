@@ -18,6 +18,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::MatchesRegex;
+using testing::Not;
 using testing::SizeIs;
 
 constexpr char kProbe[] = R"({"mac":"gw","cmd":"probe","subcmd":"probe","data":{"ntick":1}})";
@@ -419,12 +420,30 @@ TEST_F(EthFrameTest, TextIsCutBehind1568BytesAndThenNoJson) {
   expect_alive();
 }
 
+// The trace shows how much of a frame was taken over.
 TEST_F(EthFrameTest, BytesBehind1600AreNotLookedAt) {
-  receive(probe_of_size(kTextMost) + std::string(400, 'x'));
+  const std::string most = probe_of_size(kTextMost);
+  g_qel_dev.debug = 32;
+  receive(most + std::string(400, 'x'));
+  g_qel_dev.debug = 0;
   EXPECT_THAT(fake::sent(), SizeIs(1));
+  ASSERT_THAT(fake::console(), Not(IsEmpty()));
+  EXPECT_EQ(fake::console()[0], "gwmac[02:00:5e:10:20:30] data=" + most + "  \r\n");
 }
 
+// Nothing but blanks and the NUL stand between the two halves of an otherwise good probe.
 TEST_F(EthFrameTest, TextEndsAtItsFirstNul) {
+  const std::string first = R"({"mac":"gw","cmd":"probe", )";
+  const std::string second = R"( "subcmd":"probe","data":{"ntick":1}})";
+  receive(first + second);
+  EXPECT_THAT(fake::sent(), SizeIs(1)) << "without the NUL";
+  fake::clear_records();
+  g_qel_dev.debug = 32;
+  receive(first + bytes("\0") + second);
+  g_qel_dev.debug = 0;
+  EXPECT_THAT(fake::sent(), IsEmpty());
+  EXPECT_THAT(fake::console(), ElementsAre("gwmac[02:00:5e:10:20:30] data=" + first + "  \r\n"));
+  fake::clear_records();
   receive(std::string(kProbe) + bytes("\0{broken"));
   EXPECT_THAT(fake::sent(), SizeIs(1));
 }

@@ -462,10 +462,12 @@ TEST_F(GatewayTest, StatusOfAnUnknownInterfaceReportsNothing) {
   EXPECT_THAT(fake::sent(), IsEmpty());
 }
 
-TEST_F(GatewayTest, StatusOfAnInterfaceThatIsNoPortDoesNotCrash) {
+TEST_F(GatewayTest, StatusOfAnInterfaceThatIsNoPortReportsNothing) {
   probe("a");
   EXPECT_EQ(qel_if_status(nullptr, fake::message_if_status("vlanif1", 1)), 0);
   EXPECT_EQ(uif_get_by_name("vlanif1")->link, 1);
+  EXPECT_THAT(fake::calls_of({"sendto"}), IsEmpty());
+  EXPECT_THAT(fake::console(), IsEmpty());
 }
 
 TEST_F(GatewayTest, StatusIsTracedWithNameAndConfiguredSpeed) {

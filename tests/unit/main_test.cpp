@@ -8,10 +8,15 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 
 #include "platform/log.h"
+#include "qel/qel_api.h"
+#include "qel/qel_eth_pkt.h"
 #include "qel/qel_gw.h"
+#include "qel/qel_req.h"
 #include "qel/qel_table.h"
+#include "tests/unit/calloc.h"
 #include "tests/unit/support.h"
 
 namespace {
@@ -23,6 +28,17 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 
+// Puts the blocks of records that the start allocates on the record of calls.
+void note_records(size_t count, size_t size) {
+  if (count == 1 && size == sizeof(qel_port)) {
+    fake::note("calloc(port)");
+  } else if (count == 64 && size == sizeof(qel_req)) {
+    fake::note("calloc(64 requests)");
+  } else if (count == 32 && size == sizeof(qel_eth_pkt)) {
+    fake::note("calloc(32 packets)");
+  }
+}
+
 // Runs the whole start; the fake's loop returns at once.
 int start_agent(std::vector<std::string> words = {"/usr/sbin/qel"}) {
   std::vector<char*> argv;
@@ -31,7 +47,10 @@ int start_agent(std::vector<std::string> words = {"/usr/sbin/qel"}) {
   }
   argv.push_back(nullptr);
   optind = 0;  // getopt_long begins anew
-  return qel_main(static_cast<int>(words.size()), argv.data());
+  g_on_calloc = note_records;
+  const int result = qel_main(static_cast<int>(words.size()), argv.data());
+  g_on_calloc = nullptr;
+  return result;
 }
 
 // The calls that start-up is about: the vty's installation in one line, without list and file
@@ -87,8 +106,10 @@ TEST_F(MainTest, StartRunsEveryStepInOrder) {
       ElementsAre("umask(027)", "openzlog(qel, 33, 11, 24)", "thread_master_create()",
                   "hal_init(23)", "signal_init(master, 4, SIGINT SIGTERM SIGTSTP SIGQUIT)",
                   "cmd_init(1)", "vty_init(master)", "memory_init()", "uif_init()", "uvlan_init()",
-                  "install", "socket(AF_PACKET, SOCK_RAW, 0x9301)", read_of("qel_eth_read", eth),
-                  "socket(AF_UNIX, SOCK_DGRAM, 0x0000)", "unlink(/var/run/qel.udp)",
+                  "install", "calloc(port)", "calloc(port)", "calloc(port)", "calloc(64 requests)",
+                  "calloc(32 packets)", "socket(AF_PACKET, SOCK_RAW, 0x9301)",
+                  read_of("qel_eth_read", eth), "socket(AF_UNIX, SOCK_DGRAM, 0x0000)",
+                  "unlink(/var/run/qel.udp)",
                   "bind(" + std::to_string(local) + ", /var/run/qel.udp)",
                   read_of("qel_ipc_sock_read", local), "unlink(/var/conf/getconf.tar.gz)",
                   "unlink(/var/conf/downlconf.tar.gz)", "morva_init()",
@@ -99,6 +120,18 @@ TEST_F(MainTest, StartRunsEveryStepInOrder) {
                   "funcname_thread_add_timer(qel_timer_second, 1)", "host_init(0x28000, 0)",
                   "oem_info_get()", "nvram_set_int_temp(qel_enable, 1)", "hal_qel_enable(1)",
                   "zlog_notice: qel V1.0.26.d.1-gfd7ebc3d3 starting", "thread_main(master)"));
+}
+
+TEST_F(MainTest, StartClearsTheTransferStateOfTheConfiguration) {
+  std::memset(&g_qel_conf, 0xff, sizeof g_qel_conf);
+  start_agent();
+  const qel_conf_transfer found = g_qel_conf;
+  g_qel_conf = qel_conf_transfer{};  // what is left of the pattern is not to be freed
+  EXPECT_EQ(found.upload_data, nullptr);
+  EXPECT_EQ(found.upload_length, 0U);
+  EXPECT_EQ(found.upload_crc, 0U);
+  EXPECT_EQ(found.download_file, nullptr);
+  EXPECT_EQ(found.download_total, 0U);
 }
 
 TEST_F(MainTest, ProgramNameWithoutFolderIsUsedWhole) {
@@ -432,7 +465,8 @@ TEST_F(MainTest, LowestCountdownDoesNotTrap) {
   run();
   g_qel_dev.sys_active = INT32_MIN;
   fake::tick();
-  EXPECT_EQ(fake::nvram_writes().size(), 1U);
+  EXPECT_THAT(fake::nvram_writes(), ElementsAre("qel_sys_active=2147483647"));
+  EXPECT_EQ(g_qel_dev.sys_active, INT32_MAX);
 }
 
 TEST_F(MainTest, HeldArchiveIsReleasedOnThe31stTick) {

@@ -93,6 +93,14 @@ TEST_F(Board28Test, PortsStatsIsTwoPagesTheFirstInTwoFrames) {
               ElementsAre(R"({"mdl":"statistics","cmd":"port_statistic_qel_get_all"})"));
 }
 
+TEST_F(Board28Test, StatisticsReplyWithoutItsResultIsReadAllTheSame) {
+  fake::reply("statistics", "port_statistic_qel_get_all", statistics28(R"({"data":[)"));
+  ask("ports_stats");
+  ASSERT_THAT(frames(), SizeIs(3));
+  EXPECT_THAT(frames()[0], BytesAre(reply_header(1316) + kStats28First));
+  EXPECT_THAT(frames()[2], BytesAre(reply_header(577) + kStats28Second));
+}
+
 TEST_F(Board28Test, PortsPoeIsWhatTheModuleTells) {
   fake::reply("poe", "poe_qel_port_config_get_all", poe28());
   ask("ports_poe");

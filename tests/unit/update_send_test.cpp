@@ -134,6 +134,26 @@ TEST_F(UpdateSendTest, JoinIsTracedWithItsLength) {
   EXPECT_THAT(lines[0], EndsWith(R"("data":{"ge1":[0,1,"G",1]}}]}})"));
 }
 
+TEST_F(UpdateSendTest, MessagesAreTracedBeforeTheyAreSent) {
+  start_with(6);
+  g_qel_dev.debug = 4;
+  std::vector<std::string> before;  // what stood on standard output when each message left
+  fake::on_send([&before] {
+    before.push_back(testing::internal::GetCapturedStdout());
+    testing::internal::CaptureStdout();
+  });
+  EXPECT_EQ(stdout_of([this] { join(); }), "");
+  fake::advance(10);
+  EXPECT_EQ(stdout_of([this] { update(); }), "");
+  // The link refuses the first page, of four ports: its trace stands before the second one's.
+  ASSERT_THAT(before, SizeIs(3));
+  EXPECT_THAT(before[0], StartsWith(R"(n =846 buf={"type":"joinreq",)"));
+  EXPECT_THAT(before[1], StartsWith(std::string("n = ")));
+  EXPECT_EQ(times(before[1], std::string(" buf=") + kEnvelope), 2);
+  EXPECT_THAT(before[2], MatchesRegex(R"(n =[0-9]+ buf=\{"type":"update",.*"config":.*)"
+                                      " \r\n"));
+}
+
 // ---------------------------------------------------------------------------------------------
 // An update cycle
 

@@ -277,6 +277,23 @@ TEST_F(UpdateTest, ConfiguredSpeedIsNamedByItsIndex) {
   }
 }
 
+TEST_F(UpdateTest, AnyYesOfThePlatformIsUpAndEnabled) {
+  start_with(2);
+  uif("ge1")->link = 1;
+  uif("ge1")->speed = 1000;
+  uif("ge2")->flags = 1;
+  for (const int yes : {2, 64, -1, INT_MIN}) {
+    fake::set_uif_yes(yes);
+    g_qel_dev.online_ports = 0;
+    EXPECT_EQ(value("port.link.1"), "1") << yes;
+    EXPECT_EQ(g_qel_dev.online_ports, 1U) << yes;
+    EXPECT_EQ(value("port.enable.1"), "1") << yes;
+    EXPECT_EQ(value("port.statem.1"), "1G") << yes;
+    EXPECT_EQ(value("port.link.2"), "0") << yes;
+    EXPECT_EQ(value("port.enable.2"), "0") << yes;
+  }
+}
+
 TEST_F(UpdateTest, RolesAreNamed) {
   start_with(1);
   EXPECT_EQ(value("port.statel.1"), "none");
