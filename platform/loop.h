@@ -27,7 +27,7 @@ typedef int (*thread_func)(struct thread* thread);
 /* One row of the table given to signal_init. */
 struct loop_signal {
   int signo;             /* the host's signal number */
-  void (*handler)(void); /* called from the loop or, until its first turn is over, by a call of the
+  void (*handler)(void); /* called from the loop or, until it begins, by a call of the
                             platform that waits; never from signal context */
 };
 

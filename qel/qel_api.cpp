@@ -58,11 +58,13 @@ int load_archive(std::FILE* file) {
   return 0;
 }
 
-// The end of a restore whose files are in place. Flash comes before the commit: until then the next
-// start does both again.
-void store_and_commit() {
+// The end of a restore whose files are in place. Flash comes before the commit: a start that finds
+// no commit stores them again. Returns what qel_confdir_commit does.
+bool store_and_commit() {
   qel_shell_run("/morva/bin/conf flash");
-  qel_confdir_commit();
+  const bool good = qel_confdir_commit();
+  qel_confdir_sweep();
+  return good;
 }
 
 void write_failed(size_t written, size_t length) {
@@ -80,9 +82,9 @@ void qel_api_conf_init() {
   g_qel_conf = qel_conf_transfer{};
   const qel_confdir_result finished = qel_confdir_recover();
   qel_confdir_sweep();
-  if (finished == qel_confdir_result::replaced) {
+  // Without the commit the next start would come here again: no restart then, or they never end.
+  if (finished == qel_confdir_result::replaced && store_and_commit()) {
     zlog_notice("a restore that was interrupted is finished, the switch restarts");
-    store_and_commit();
     if (qel_restart_order() != 0) {
       zlog_err("the switch refused to restart: the finished restore counts from its next restart");
     }

@@ -25,7 +25,6 @@ constexpr int32_t kStateAccepted = 2;
 constexpr int32_t kStateComplete = 3;
 
 constexpr size_t kCommandSize = 256;
-constexpr int kUpgradeFetching = 2;  // the platform's upgrade state while an image is fetched
 
 void answer(const qel_link* link, int32_t index, const char* file, int32_t state) {
   static qel_text_area<kQelMessageSize> area;
@@ -102,7 +101,7 @@ int qel_cmd_handle_hfs_upgrade(qel_link* /*link*/, const cJSON* root, const char
   int detail = 0;
   sys_upgrade_state_get(&state, &detail);
   if (state == 0 && qel_upgrade_is_fetching()) {
-    state = kUpgradeFetching;
+    state = kQelUpgradeFetching;
   }
   if (state != 0) {
     qel_console("Current upgrade state[%d] \n", state);

@@ -97,12 +97,33 @@ bool is_folder(const char* path) {
   return qel_os_lstat(path, &entry) == 0 && S_ISDIR(entry.mode);
 }
 
+bool is_there(const char* path) {
+  qel_os_entry entry = {};
+  return qel_os_lstat(path, &entry) == 0;
+}
+
+// Removes the folder kRemoved. A folder that forbids it to its owner is allowed first: the agent
+// may run without the right to pass over permissions.
+bool remove_removed() {
+  qel_shell_run("rm -rf -- /var/conf/.removed");
+  if (is_there(kRemoved)) {
+    qel_shell_run("chmod -R u+rwX -- /var/conf/.removed");
+    qel_shell_run("rm -rf -- /var/conf/.removed");
+  }
+  return !is_there(kRemoved);
+}
+
 // Removes whatever stands at `path`. A folder gets a name of ours before a shell sees it. Returns
-// false when it is still there.
+// false, with errno set, when it is still there.
 bool remove_any(const char* path) {
-  if (qel_os_unlink(path) == 0 || errno == ENOENT) {
+  if (qel_os_unlink(path) == 0) {
     return true;
   }
+  const int error = errno;
+  if (!is_there(path)) {
+    return true;
+  }
+  errno = error;
   if (!is_folder(path)) {
     return false;
   }
@@ -110,13 +131,11 @@ bool remove_any(const char* path) {
   if (!own && (!remove_any(kRemoved) || qel_os_rename(path, kRemoved) != 0)) {
     return false;
   }
-  qel_shell_run("rm -rf -- /var/conf/.removed");
-  return !is_folder(kRemoved);
+  return remove_removed();
 }
 
 void remove_if_there(const char* path) {
-  qel_os_entry entry = {};
-  if (qel_os_lstat(path, &entry) == 0) {
+  if (is_there(path)) {
     remove_any(path);
   }
 }
@@ -154,12 +173,9 @@ bool sweep_entry(const char* name, void* context) {
 // ---------------------------------------------------------------------------------------------
 // Looking at what was unpacked
 
-// A member name as tar lists it, without a leading "./"; empty for the folder itself.
+// A member name as tar lists it, without one leading "./".
 const char* plain_member(const char* line) {
-  while (std::strncmp(line, "./", 2) == 0) {
-    line += 2;
-  }
-  return line;
+  return std::strncmp(line, "./", 2) == 0 ? line + 2 : line;
 }
 
 // Tar must never be led by a link that the same archive made, so every member name has to be a
@@ -169,10 +185,12 @@ bool members_are_plain(char* names) {
   uint32_t count = 0;
   char* rest = names;
   for (char* line = strsep(&rest, "\n"); line != nullptr; line = strsep(&rest, "\n")) {
-    const char* name = plain_member(line);
-    if (name[0] == '\0') {
-      continue;  // the folder itself, or the end of the list
+    if (line[0] == '\0') {
+      continue;  // behind the last line end
     }
+    // The folder itself ("./") is refused as well: tar would give it the permissions of the
+    // archive.
+    const char* name = plain_member(line);
     if (!qel_confdir_is_name(name)) {
       return refuse(line, "expected the name of a .conf file");
     }
@@ -201,6 +219,8 @@ bool names_are_plain() {
   } else if (const size_t length = std::fread(names, 1, kQelConfdirNamesMax + 1, file);
              length > kQelConfdirNamesMax) {
     refuse("its names have more than 32 KiB");
+  } else if (std::ferror(file) != 0) {
+    refuse("its names cannot be read");
   } else {
     good = std::memchr(names, '\0', length) == nullptr ? members_are_plain(names)
                                                        : refuse("a name holds a NUL");
@@ -294,6 +314,7 @@ bool failed(const char* what) {
 
 struct step_state {
   bool good;
+  int changed;
 };
 
 // Removes an old file that the new configuration does not have. One that it has is replaced by
@@ -304,6 +325,7 @@ bool remove_old(const char* name, void* context) {
   if (!qel_confdir_is_name(name) || qel_os_lstat(path_of(kAccepted, name).text, &entry) == 0) {
     return true;
   }
+  ++state->changed;
   if (!remove_any(path_of("/var/conf", name).text)) {
     state->good = failed("an old file cannot be removed");
   }
@@ -319,23 +341,30 @@ bool install(const char* name, void* context) {
   if (qel_os_lstat(from.text, &entry) != 0 || fault_of(name, entry) != nullptr) {
     return true;
   }
-  if (qel_os_rename(from.text, path_of("/var/conf", name).text) != 0) {
+  ++state->changed;
+  if (qel_os_chmod(from.text, kFileMode) != 0 ||
+      qel_os_rename(from.text, path_of("/var/conf", name).text) != 0) {
     state->good = failed("a new file cannot be put in place");
   }
   return true;
 }
 
+// Does `step` with each name in the folder, until a pass finds nothing to do.
 bool walk(const char* folder, qel_os_visit step) {
-  step_state state = {.good = true};
-  if (qel_os_list(folder, step, &state) != 0) {
-    return failed("a folder cannot be read");
+  for (int pass = 0; pass < kPasses; ++pass) {
+    step_state state = {.good = true, .changed = 0};
+    if (qel_os_list(folder, step, &state) != 0) {
+      return failed("a folder cannot be read");
+    }
+    if (!state.good || state.changed == 0) {
+      return state.good;
+    }
   }
-  return state.good;
+  return true;
 }
 
 bool finish_installing() {
-  // Twice: a folder that loses names while it is read may pass over some.
-  return walk(kInstalling, install) && walk(kInstalling, install);
+  return walk(kInstalling, install);
 }
 
 bool finish_accepted() {
@@ -364,7 +393,7 @@ bool qel_confdir_is_name(const char* name) {
 }
 
 void qel_confdir_sweep() {
-  for (int pass = 0; pass < kSweeps; ++pass) {
+  for (int pass = 0; pass < kPasses; ++pass) {
     sweep_state state = {};
     if (qel_os_list(kFolder, sweep_entry, &state) != 0 || state.removed == 0) {
       return;
@@ -403,17 +432,16 @@ qel_confdir_result qel_confdir_replace() {
   return result_of(good);
 }
 
-void qel_confdir_commit() {
-  if (qel_os_rmdir(kInstalling) != 0) {
-    remove_any(kInstalling);
-  }
+bool qel_confdir_commit() {
+  return qel_os_rmdir(kInstalling) == 0 || remove_any(kInstalling) ||
+         failed("the end of the restore cannot be stored");
 }
 
 qel_confdir_result qel_confdir_recover() {
   remove_if_there(kIncoming);
   remove_if_there(kRemoved);
   if (is_folder(kInstalling)) {
-    remove_if_there(kAccepted);  // it became the other one, so this is nobody's
+    remove_if_there(kAccepted);  // a restore has one of the two: this one is not its own
     return result_of(finish_installing());
   }
   if (!is_folder(kAccepted)) {

@@ -49,11 +49,12 @@ void qel_confdir_remove_archive(const char* path);
 // the files are as they were.
 bool qel_confdir_unpack();
 
-// Puts what qel_confdir_unpack accepted in the place of all present files.
+// Puts what qel_confdir_unpack accepted in the place of all present files, with mode 0640.
 qel_confdir_result qel_confdir_replace();
 
-// Ends the restore after the new files were stored in flash: nothing is left to finish.
-void qel_confdir_commit();
+// Ends the restore after the new files were stored in flash: nothing is left to finish. Returns
+// false (logged) when that cannot be stored, and the next start finishes the restore once more.
+bool qel_confdir_commit();
 
 // For the start: removes what was not decided, and finishes a replacement that an earlier process
 // began. Results as qel_confdir_replace.

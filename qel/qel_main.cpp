@@ -202,6 +202,7 @@ void qel_enable_init() {
 }
 
 void qel_terminate() {
+  qel_os_job_kill(&g_qel_upgrade_fetch.job);
   zlog_notice("Vlog terminating on signal");
   qel_os_exit(0);
 }

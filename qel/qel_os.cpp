@@ -156,6 +156,10 @@ int qel_os_rmdir(const char* path) {
   return rmdir(path);
 }
 
+int qel_os_chmod(const char* path, unsigned mode) {
+  return chmod(path, static_cast<mode_t>(mode));
+}
+
 int qel_os_mkdir(const char* path, unsigned mode) {
   // The process's mask takes bits away, so they are set again.
   if (mkdir(path, static_cast<mode_t>(mode)) != 0) {

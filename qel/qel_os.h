@@ -51,10 +51,11 @@ int qel_os_ifreq(int fd, unsigned long request, struct ifreq* interface_request)
 std::FILE* qel_os_fopen(const char* path, const char* mode);
 int qel_os_unlink(const char* path);
 
-// rename(2), rmdir(2), mkdir(2) with exactly the permissions `mode`. Return 0, or -1 with errno
-// set.
+// rename(2), rmdir(2), chmod(2), mkdir(2) with exactly the permissions `mode`. Return 0, or -1 with
+// errno set.
 int qel_os_rename(const char* from, const char* to);
 int qel_os_rmdir(const char* path);
+int qel_os_chmod(const char* path, unsigned mode);
 int qel_os_mkdir(const char* path, unsigned mode);
 
 // What stands under a name.
@@ -106,8 +107,8 @@ int qel_os_job_start(const char* command, qel_os_job* job);
 // Kills what runs of a job; `end` then becomes readable.
 void qel_os_job_kill(const qel_os_job* job);
 
-// Ends a job: kills what still runs of it, waits for the shell, and closes `end`. Returns the wait
-// status of the shell, or -1.
+// Ends a job: kills its process group if the shell still runs, waits for the shell, and closes
+// `end`. Returns the wait status of the shell, or -1.
 int qel_os_job_end(qel_os_job* job);
 
 // exit(3).

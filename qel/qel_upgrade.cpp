@@ -47,7 +47,6 @@ int fail() {
 
 constexpr char kSource[] = "qel/qel_upgrade";
 constexpr int kStateIdle = 0;
-constexpr int kStateFetching = 2;
 constexpr uint32_t kFetchPatience = 1800;  // seconds that a server may take for an image
 
 // Whether the image file is exactly what was appended to it: a regular file of that many bytes.
@@ -138,7 +137,7 @@ void qel_upgrade_reset() {
 
 int qel_upgrade_fetch(const char* command) {
   qel_upgrade_reset();
-  sys_upgrade_state_set(kStateFetching, 0);
+  sys_upgrade_state_set(kQelUpgradeFetching, 0);
   g_qel_upgrade_fetch = {};
   if (qel_os_job_start(command, &g_qel_upgrade_fetch.job) != 0) {
     zlog_err("firmware not fetched: %s", std::strerror(errno));

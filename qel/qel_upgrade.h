@@ -13,6 +13,9 @@
 
 inline constexpr char kQelFirmwarePath[] = "/tmp/linux.trx";
 
+// The platform's upgrade state while an image is fetched.
+inline constexpr int kQelUpgradeFetching = 2;
+
 // Zeroed when a download begins and when it is abandoned.
 struct qel_upgrade_state {
   int32_t index;      // the chunk that the over-time timer watches; the chunk path leaves it 0

@@ -186,8 +186,10 @@ bool process_has_children(const LockHolder& holder) {
     if (end == at) {
       return false;
     }
+    // What runs beside the holder has a group of its own; nobody waits for that.
+    const bool same_group = getpgid(static_cast<pid_t>(child)) == getpgid(holder.pid);
     const char state = state_of(static_cast<pid_t>(child));
-    if (state != 0 && state != 'Z' && state != 'X') {
+    if (same_group && state != 0 && state != 'Z' && state != 'X') {
       return true;
     }
     at = end;

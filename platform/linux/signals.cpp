@@ -135,7 +135,7 @@ int signals_poll(int fd, short events, int milliseconds) {
     errno = ECANCELED;
     return -1;
   }
-  if (entries[1].revents != 0) {
+  if (entries[1].revents != 0 || (ready < 0 && error == EINTR)) {
     signals_run();
   }
   if (ready > 0 && entries[0].revents == 0) {

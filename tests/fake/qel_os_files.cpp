@@ -273,6 +273,9 @@ int qel_os_rename(const char* from, const char* to) {
 int qel_os_rmdir(const char* path) {
   fake::file_step();
   fake::internal::record("rmdir(%s)", path);
+  if (fake::internal::os_fails("rmdir")) {
+    return -1;
+  }
   const std::optional<fake::FileEntry> entry = entry_at(path);
   if (!entry || !S_ISDIR(entry->mode)) {
     return refused(entry ? ENOTDIR : ENOENT);
@@ -281,6 +284,18 @@ int qel_os_rmdir(const char* path) {
     return refused(ENOTEMPTY);
   }
   state().entries.erase(path);
+  return 0;
+}
+
+int qel_os_chmod(const char* path, unsigned mode) {
+  fake::file_step();
+  fake::internal::record("chmod(%s, %o)", path, mode);
+  std::optional<fake::FileEntry> entry = entry_at(path);
+  if (!entry) {
+    return refused(ENOENT);
+  }
+  entry->mode = (entry->mode & ~07777U) | mode;
+  state().entries[path] = *entry;
   return 0;
 }
 

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A configuration archive as qelctl reads it: packed ('G' in front) or the tar alone ('T'), which is
-// packed here so that it is not its checksum that keeps mutations out. What is taken is compared.
+// A configuration archive as qelctl reads it: packed ('G' in front) or the tar alone ('T'), which
+// is packed here so that it is not its checksum that keeps mutations out. What is taken is
+// compared.
 #include <zlib.h>
 
 #include <algorithm>

@@ -60,7 +60,7 @@ def test_a_service_that_does_not_turn_its_loop_is_started_again(name):
     assert values["Type"] == ["notify"]
     assert values["NotifyAccess"] == ["main"]
     assert values["Restart"] == ["on-failure"]  # of which a watchdog that was not fed is one
-    # A watchdog must outlast what holds a loop in good order: an image that wget fetches, the
+    # A watchdog must outlast what holds a loop in good order: conf that syncs a slow disk, the
     # 5 seconds in which morvad waits for processes that have to end.
     assert values["WatchdogSec"] == [{"morvad": "30", "qel": "2min"}[name]]
 

@@ -257,7 +257,7 @@ def test_agent_that_nobody_watches_says_that_it_is_ready_and_no_more():
 # ---- the end of a start ------------------------------------------------------------------------
 
 # What a start asks the rest of the switch, in its order, when all of it is refused. The last is the
-# saved configuration's, on the first turn of the loop.
+# saved configuration's, before the first turn of the loop.
 QUERIES = [
     "hal init",
     "ifmgr if_table_get",

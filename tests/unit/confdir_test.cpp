@@ -10,6 +10,7 @@
 #include <cerrno>
 
 #include "qel/qel_api.h"
+#include "qel/qel_os.h"
 #include "qel/qel_restart.h"
 #include "tests/unit/archive.h"
 #include "tests/unit/support.h"
@@ -147,7 +148,7 @@ TEST_F(ConfdirTest, ArchiveOfPlainFilesIsAcceptedAside) {
 }
 
 TEST_F(ConfdirTest, NamesBelowTheFolderItselfAreAccepted) {
-  archive_gives({.members = {{"a.conf"}}, .list = "./\n./a.conf\n"});
+  archive_gives({.members = {{"a.conf"}}, .list = "./a.conf\n"});
   EXPECT_TRUE(qel_confdir_unpack());
 }
 
@@ -160,7 +161,7 @@ TEST_F(ConfdirTest, WhatIsNoArchiveIsRefused) {
 TEST_F(ConfdirTest, MemberNameThatIsNoPlainFileIsRefusedBeforeUnpacking) {
   for (const char* name :
        {"--checkpoint-action=exec=sh e.conf", "-x.conf", "d.conf/", "../up.conf", "/etc/passwd",
-        "a/b.conf", "getconf.tar.gz", ".nvram.lock", "./../x.conf"}) {
+        "a/b.conf", "getconf.tar.gz", ".nvram.lock", "./../x.conf", "./", "././a.conf", "."}) {
     expect_refused({.members = {{"good.conf"}}, .list = std::string("good.conf\n") + name + "\n"},
                    "entry \"" + std::string(name) + "\": expected the name of a .conf file");
     EXPECT_THAT(fake::shell_commands(), Not(Contains(kUnpackCommand)));
@@ -267,6 +268,34 @@ TEST_F(ConfdirTest, NewFilesTakeThePlaceOfAllOldOnes) {
   EXPECT_EQ(qel_confdir_recover(), qel_confdir_result::nothing);
 }
 
+TEST_F(ConfdirTest, NewFilesGetModesOfTheirOwn) {
+  archive_gives(
+      {.members = {{"open.conf", "", {.mode = 0100666}}, {"shut.conf", "", {.mode = 0100400}}}});
+  ASSERT_TRUE(qel_confdir_unpack());
+  EXPECT_EQ(qel_confdir_replace(), qel_confdir_result::replaced);
+  for (const char* path : {"/var/conf/open.conf", "/var/conf/shut.conf"}) {
+    qel_os_entry entry = {};
+    ASSERT_EQ(qel_os_lstat(path, &entry), 0);
+    EXPECT_EQ(entry.mode, 0100640U) << path;
+  }
+}
+
+TEST_F(ConfdirTest, FolderThatForbidsItsRemovalIsAllowedFirst) {
+  fake::set_file("/var/conf/d.conf/file", "");
+  bool forbids = true;
+  fake::on_shell([&forbids](const std::string& command) {
+    if (command == "chmod -R u+rwX -- /var/conf/.removed") {
+      forbids = false;
+    }
+    return forbids ? 1 : 0;
+  });
+  qel_confdir_sweep();
+  EXPECT_THAT(fake::entries(kFolder), ElementsAre("/var/conf/"));
+  EXPECT_THAT(fake::shell_commands(),
+              ElementsAre("rm -rf -- /var/conf/.removed", "chmod -R u+rwX -- /var/conf/.removed",
+                          "rm -rf -- /var/conf/.removed"));
+}
+
 TEST_F(ConfdirTest, ReplacementIsNotKeptUpByWhatIsNoFile) {
   fake::set_file("/var/conf/d.conf/file", "");
   fake::set_file("/var/conf/new.conf/file", "");  // where the new file goes
@@ -359,6 +388,23 @@ TEST_F(ConfdirTest, RestoreThatAStartCannotFinishDoesNotRestartTheSwitch) {
   EXPECT_EQ(fake::reboots(), 0);
   EXPECT_FALSE(qel_restart_ordered());
   EXPECT_THAT(fake::log_lines(), Contains(HasSubstr("err: restore: a new file cannot be put in")));
+}
+
+TEST_F(ConfdirTest, RestoreWhoseEndCannotBeStoredDoesNotRestartTheSwitch) {
+  fake::set_entry("/var/conf/.installing", {.mode = kDirectory});
+  fake::fail_os("rmdir", EROFS);
+  fake::fail_os("rename", EROFS);
+  qel_api_conf_init();
+  EXPECT_EQ(fake::reboots(), 0);
+  EXPECT_FALSE(qel_restart_ordered());
+  EXPECT_THAT(fake::log_lines(), Contains("err: restore: the end of the restore cannot be stored: "
+                                          "Read-only file system"));
+}
+
+TEST_F(ConfdirTest, AbsentArchiveOnAReadOnlyDiskIsNoFailure) {
+  fake::fail_os("unlink", EROFS);
+  qel_confdir_remove_archive("/var/conf/getconf.tar.gz");
+  EXPECT_THAT(fake::log_lines(), IsEmpty());
 }
 
 TEST_F(ConfdirTest, RefusedRestartOfAStartIsLoggedAndTheAgentServes) {

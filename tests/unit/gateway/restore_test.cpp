@@ -16,8 +16,8 @@ using gateway_test::Bytes;
 using gateway_test::gzip;
 using gateway_test::kTarEnd;
 using gateway_test::member;
-using gateway_test::OnFakeWire;
 using gateway_test::operator+;
+using gateway_test::OnFakeWire;
 using gateway_test::probe_answer;
 using gateway_test::reply;
 using gateway_test::reply_with_chunk;
@@ -29,7 +29,7 @@ class RestoreTest : public OnFakeWire {
   void SetUp() override {
     archive =
         gzip(member("nvram.conf", "a=1\nb=2\n") + member("qel.conf", "qel enable\n") + kTarEnd);
-    wire.on_send = [this](const Sent& message) { obey(message.text); };
+    wire.on_send = [this](const Sent& sent) { obey(sent.text); };
   }
 
   // A switch after it took an archive: probes, counters, and a backup of one chunk.
@@ -74,7 +74,7 @@ class RestoreTest : public OnFakeWire {
   RestoreReport restored(const std::function<void()>& apply) {
     RestartMark mark = session.run(mark_restart(session, office, Duration(1000)));
     apply();
-    return session.run(await_restored(session, office, std::move(mark), sent,
+    return session.run(await_restored(session, office, std::move(mark), pushed,
                                       {Duration(5000), Duration(20000), Duration(900)}));
   }
 
@@ -84,8 +84,8 @@ class RestoreTest : public OnFakeWire {
     return {std::move(name), {content.begin(), content.end()}};
   }
 
-  const std::vector<ArchiveMember> sent = {file("nvram.conf", "a=1\nb=2\n"),
-                                           file("qel.conf", "qel enable\n")};
+  const std::vector<ArchiveMember> pushed = {file("nvram.conf", "a=1\nb=2\n"),
+                                             file("qel.conf", "qel enable\n")};
   Bytes archive;  // that the switch has for whoever asks
   bool alive = true;
   bool backs_up = true;
