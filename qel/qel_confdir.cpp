@@ -29,8 +29,8 @@ constexpr std::string_view kOwnFolders[] = {".incoming", ".accepted", ".installi
 
 constexpr size_t kPathSize = 320;  // the longest folder here and a name of 255 bytes
 constexpr unsigned kPrivate = 0700;
-constexpr int kSweeps =
-    8;  // a folder is read again after removals, for it may have moved meanwhile
+constexpr unsigned kFileMode = 0640;  // of each restored file, whatever the archive says
+constexpr int kPasses = 8;            // a folder that loses names while it is read is read again
 
 // Each command bounds every file that it writes: 8192 blocks of 512 bytes. The archive comes to tar
 // as its standard input, so that tar never guesses a second compression.
@@ -267,6 +267,10 @@ bool look_at_entry(const char* name, void* context) {
     return false;
   }
   ++state->files;
+  if (entry.size > kQelConfdirFileMax) {
+    state->good = refuse(name, "more than 1 MiB");
+    return false;
+  }
   if (entry.size < 0 || entry.size > kQelConfdirUnpackedMax - state->bytes) {
     state->good = refuse(name, "more than 4 MiB in all");
     return false;

@@ -20,6 +20,7 @@
 
 // Bounds of an archive, and so of what it may fill up.
 inline constexpr int64_t kQelConfdirUnpackedMax = 4 * 1024 * 1024;  // bytes, tar headers included
+inline constexpr int64_t kQelConfdirFileMax = 1024 * 1024;          // bytes of one file
 inline constexpr uint32_t kQelConfdirFilesMax = 512;
 inline constexpr uint32_t kQelConfdirNamesMax = 32 * 1024;  // bytes of all names, one a line
 

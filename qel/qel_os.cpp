@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <sys/wait.h>
@@ -168,6 +169,16 @@ int qel_os_mkdir(const char* path, unsigned mode) {
   return chmod(path, static_cast<mode_t>(mode));
 }
 
+int qel_os_create(const char* path, unsigned mode) {
+  const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, static_cast<mode_t>(mode));
+  if (fd < 0) {
+    return -1;
+  }
+  const int result = fchmod(fd, static_cast<mode_t>(mode));
+  close(fd);
+  return result;
+}
+
 int qel_os_lstat(const char* path, qel_os_entry* entry) {
   struct stat info = {};
   if (lstat(path, &info) != 0) {
@@ -244,6 +255,7 @@ int qel_os_job_start(const char* command, qel_os_job* job) {
   if (pid == 0) {
     // The command inherits the writing end: the reading end is at its end when nothing of it runs.
     setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // nobody would wait for it any more
     const int null = open("/dev/null", O_RDONLY);
     dup2(null, STDIN_FILENO);
     fcntl(ends[1], F_SETFD, 0);

@@ -58,6 +58,10 @@ int qel_os_rmdir(const char* path);
 int qel_os_chmod(const char* path, unsigned mode);
 int qel_os_mkdir(const char* path, unsigned mode);
 
+// Creates an empty file with exactly the permissions `mode`, only where nothing stands. Returns 0,
+// or -1 with errno set.
+int qel_os_create(const char* path, unsigned mode);
+
 // What stands under a name.
 struct qel_os_entry {
   uint32_t mode;   // type and permissions, as st_mode of stat(2)

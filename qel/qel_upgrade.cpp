@@ -49,6 +49,39 @@ constexpr char kSource[] = "qel/qel_upgrade";
 constexpr int kStateIdle = 0;
 constexpr uint32_t kFetchPatience = 1800;  // seconds that a server may take for an image
 
+// The folder of the upgrade program while it runs. Only root gets into it: a program that is
+// started from /tmp itself could be one that somebody else put there.
+constexpr char kProgramFolder[] = "/tmp/morva_upgrade.d";
+constexpr unsigned kPrivate = 0700;
+constexpr unsigned kImageMode = 0640;
+
+// Removes the image, whatever stands under its name.
+void remove_image() {
+  if (qel_os_unlink(kQelFirmwarePath) != 0 && errno != ENOENT) {
+    qel_shell_run("rm -rf -- /tmp/linux.trx");
+  }
+}
+
+// Makes the folder anew. Returns false when somebody keeps it from being made.
+bool make_program_folder() {
+  constexpr int kTries = 3;
+  for (int attempt = 0; attempt < kTries; ++attempt) {
+    if (qel_os_mkdir(kProgramFolder, kPrivate) == 0) {
+      return true;
+    }
+    if (qel_os_unlink(kProgramFolder) != 0) {
+      qel_shell_run("rm -rf -- /tmp/morva_upgrade.d");
+    }
+  }
+  return false;
+}
+
+bool start_program() {
+  return make_program_folder() &&
+         qel_shell_run("cp -fpR /morva/bin/morva_upgrade /tmp/morva_upgrade.d") == 0 &&
+         qel_shell_run("/tmp/morva_upgrade.d/morva_upgrade /tmp/linux.trx&") == 0;
+}
+
 // Whether the image file is exactly what was appended to it: a regular file of that many bytes.
 bool file_holds(int32_t bytes) {
   qel_os_entry entry = {};
@@ -79,7 +112,7 @@ int qel_upgrade_init(const qel_link* link, int32_t total) {
   if (sys_is_upgrading() != 0 || qel_upgrade_is_fetching()) {
     return -1;
   }
-  qel_os_unlink(kQelFirmwarePath);
+  remove_image();
   sys_transmit_fw_begin();
   g_qel_upgrade = qel_upgrade_state{};
   g_qel_upgrade.total = total;
@@ -131,7 +164,7 @@ void qel_upgrade_overtime_clear() {
 }
 
 void qel_upgrade_reset() {
-  qel_os_unlink(kQelFirmwarePath);
+  remove_image();
   g_qel_upgrade = qel_upgrade_state{};
 }
 
@@ -139,6 +172,12 @@ int qel_upgrade_fetch(const char* command) {
   qel_upgrade_reset();
   sys_upgrade_state_set(kQelUpgradeFetching, 0);
   g_qel_upgrade_fetch = {};
+  // The file is made here, so that the command does not write into one that somebody else made.
+  if (qel_os_create(kQelFirmwarePath, kImageMode) != 0) {
+    zlog_err("firmware not fetched: %s", std::strerror(errno));
+    sys_upgrade_state_set(kStateIdle, kFailTransfer);
+    return -1;
+  }
   if (qel_os_job_start(command, &g_qel_upgrade_fetch.job) != 0) {
     zlog_err("firmware not fetched: %s", std::strerror(errno));
     sys_upgrade_state_set(kStateIdle, kFailTransfer);
@@ -170,8 +209,10 @@ int qel_upgrade_fetched(struct thread* /*thread*/) {
     sys_upgrade_state_set(kStateIdle, kFailTransfer);
     return 0;
   }
-  qel_shell_run("cp -fpR /morva/bin/morva_upgrade /tmp");
-  qel_shell_run("/tmp/morva_upgrade /tmp/linux.trx&");
+  if (!start_program()) {
+    zlog_err("firmware not handed on: the upgrade program cannot be started");
+    sys_upgrade_state_set(kStateIdle, kFailTransfer);
+  }
   return 0;
 }
 

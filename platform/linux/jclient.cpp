@@ -111,6 +111,18 @@ void log_query(const char* module, const char* request, long reply_bytes, int64_
   free(line);
 }
 
+// morvad serves the library by these modules: restart, hardware, settings of the maker, the
+// firmware service. A query that somebody outside wrote must not reach them.
+bool is_internal(const char* module) {
+  static constexpr const char* kInternal[] = {"sys", "hal", "ifmgr", "morvad"};
+  for (const char* each : kInternal) {
+    if (strcmp(module, each) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 int jclient_query(const char* request, char* reply) {
@@ -118,7 +130,7 @@ int jclient_query(const char* request, char* reply) {
   char module[kMorvaModuleSize] = "";
   const int64_t start = morva_now_ns();
   long length = -1;
-  if (find_module(request, module)) {
+  if (find_module(request, module) && !is_internal(module)) {
     length = morva_call(module, request, reply != nullptr ? answer : nullptr, sizeof answer,
                         morva_deadline_ms());
   } else {

@@ -98,7 +98,9 @@ int tq_file_append(const char* path, const void* data, size_t length) {
   UniqueFd fd(
       open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0640));
   struct stat info = {};
-  if (!fd.valid() || fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+  // Somebody else's file, or one with a second name, could be changed behind our back.
+  if (!fd.valid() || fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) ||
+      info.st_uid != geteuid() || info.st_nlink != 1) {
     return -1;
   }
   const char* bytes = static_cast<const char*>(data);

@@ -330,8 +330,9 @@ bool is_open(int fd);
 
 // Makes an operating system call fail with `error`, after `skip` calls that work, `times` times.
 // By name: "socket", "setsockopt", "bind", "accept", "sendto", "ifreq", "fopen", "daemon",
-// "system", "unlink", "rename", "rmdir", "mkdir", "list", "job"; on one file only: "fopen <path>",
-// "fread <path>", "fwrite <path>", "fseek <path>", "unlink <path>", "rename <path>" (the old one).
+// "system", "unlink", "rename", "rmdir", "mkdir", "create", "list", "job"; on one file only: "fopen
+// <path>", "fread <path>", "fwrite <path>", "fseek <path>", "unlink <path>", "rename <path>" (the
+// old one).
 void fail_os(const std::string& function, int error, int skip = 0, int times = 1 << 30);
 
 // The next write to the file of that path stores its first `count` bytes only, as on a disk that

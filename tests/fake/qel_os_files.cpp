@@ -312,6 +312,20 @@ int qel_os_mkdir(const char* path, unsigned mode) {
   return 0;
 }
 
+int qel_os_create(const char* path, unsigned mode) {
+  fake::file_step();
+  fake::internal::record("create(%s, %o)", path, mode);
+  if (fake::internal::os_fails("create")) {
+    return -1;
+  }
+  if (entry_at(path)) {
+    return refused(EEXIST);
+  }
+  state().files[path] = "";
+  state().entries[path] = fake::FileEntry{.mode = 0100000 | mode};
+  return 0;
+}
+
 int qel_os_lstat(const char* path, qel_os_entry* entry) {
   const std::optional<fake::FileEntry> found = entry_at(path);
   if (!found) {

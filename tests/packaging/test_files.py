@@ -65,6 +65,11 @@ def test_a_service_that_does_not_turn_its_loop_is_started_again(name):
     assert values["WatchdogSec"] == [{"morvad": "30", "qel": "2min"}[name]]
 
 
+@pytest.mark.parametrize("name", UNITS)
+def test_restarts_by_a_gateway_never_use_up_the_starts_of_a_service(name):
+    assert unit(name)["StartLimitIntervalSec"] == ["0"]
+
+
 def test_a_service_that_does_not_end_is_killed_in_time():
     # What morvad gives others to end, and five modules that run into the agent's deadline.
     for name, longest in (("morvad", 5), ("qel", 5 * 2)):

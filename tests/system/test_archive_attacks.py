@@ -70,7 +70,8 @@ ATTACKS = {
     "a name with a line end": tar_of(GOOD, member("a.conf\nb.conf", content=b"x")),
     "a hidden name": tar_of(GOOD, member(".nvram.lock", content=b"x")),
     "a name of another kind": tar_of(GOOD, member("notes.txt", content=b"x")),
-    "a file larger than the bound": tar_of(GOOD, member("big.conf", content=bytes(5 << 20))),
+    "a file larger than settings can be": tar_of(GOOD, member("big.conf", content=bytes((1 << 20) + 1))),
+    "a file larger than all may be": tar_of(GOOD, member("big.conf", content=bytes(5 << 20))),
     "files that are too large together": tar_of(
         *[member(f"f{i}.conf", content=bytes(1 << 20)) for i in range(5)]),
     "too many files": tar_of(*[member(f"f{i}.conf") for i in range(513)]),
@@ -195,6 +196,20 @@ def test_backup_is_not_held_up_by_a_fifo_that_came_meanwhile(make_lab):
     lab = make_lab()
     lab.switch("mkfifo", "/var/conf/getconf.tar.gz")
     assert fetch_archive(lab.gateway)[:2] == b"\x1f\x8b"
+
+
+@pytest.mark.parametrize("query", [
+    {"mdl": "hal", "cmd": "qel_enable", "data": {"enable": 0}},
+    {"mdl": "sys", "cmd": "fw_upgrade", "data": {"path": "/etc/passwd"}},
+    {"mdl": "morvad", "cmd": "oem_set", "data": {"word": 1, "value": 1}},
+    {"mdl": "ifmgr", "cmd": "interfaces", "data": {}},
+])  # fmt: skip
+def test_query_from_outside_does_not_reach_internal_modules(lab, query):
+    lab.gateway.command("get", "qelipc", query)
+    answers = lab.gateway.until_probe()
+    assert [one for one in answers if b'"ret"' in one.text] == []
+    assert lab.switch("ls", "/var/lib/morva/firmware", check=False).stdout == ""
+    assert lab.nvram("oem.1") is None
 
 
 # ---- around the restart ---------------------------------------------------------------------------

@@ -321,7 +321,7 @@ def test_image_that_was_not_fetched_well_is_not_handed_on(make_lab):
     lab.gateway.command("set", "hfs_upgrade", {"upgrade_serverinfo": "http://127.0.0.1:8080/none"})
     wait_until(lambda: "firmware not fetched: " in lab.log("syslog"), "the log line")
     lab.gateway.probe()
-    kept = lab.switch("ls", "/var/lib/morva/firmware", "/tmp/morva_upgrade", check=False)
+    kept = lab.switch("ls", "/var/lib/morva/firmware", "/tmp/morva_upgrade.d", check=False)
     assert kept.stdout == ""
     assert "idle" in lab.morvactl("fw", "show").stdout
 

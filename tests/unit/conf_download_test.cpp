@@ -494,7 +494,7 @@ TEST_F(ConfDownloadTest, NameOfTheFileCannotWriteMembersOfTheAnswer) {
           R"("total_length":4,"file":"x\",\"state\":9,\"y\":\"\\\n"}})");
   EXPECT_THAT(sent_messages(),
               ElementsAre(R"({"mac":"0a1b2c3d4e5f","cmd":"update","subcmd":"config_download",)"
-                          R"("data":{"state":2,"index":1,"file":"x,state:9,y:"}})"));
+                          R"("data":{"state":0,"index":1,"file":"x,state:9,y:"}})"));
 }
 
 }  // namespace

@@ -200,16 +200,23 @@ TEST_F(ConfdirTest, EntryWhoseNameTheListHidIsRefused) {
                  "entry \"a.conf?b.conf\": expected the name of a .conf file");
 }
 
-TEST_F(ConfdirTest, SizesUpToFourMebibytesInAllAreAccepted) {
+TEST_F(ConfdirTest, FilesUpToOneMebibyteAndFourInAllAreAccepted) {
   constexpr int64_t kMebibyte = 1048576;
-  const auto archive_of_size = [](int64_t size) {
-    return Archive{.members = {{"a.conf", "", {.mode = 0100600, .size = kMebibyte}},
-                               {"b.conf", "", {.mode = 0100600, .size = size}}}};
+  const auto archive_of_sizes = [](std::initializer_list<int64_t> sizes) {
+    Archive archive;
+    char name = 'a';
+    for (const int64_t size : sizes) {
+      archive.members.push_back(
+          {std::string(1, name++) + ".conf", "", {.mode = 0100600, .size = size}});
+    }
+    return archive;
   };
-  archive_gives(archive_of_size(3 * kMebibyte));
+  archive_gives(archive_of_sizes({kMebibyte, kMebibyte, kMebibyte, kMebibyte}));
   EXPECT_TRUE(qel_confdir_unpack());
-  expect_refused(archive_of_size(3 * kMebibyte + 1), "entry \"b.conf\": more than 4 MiB in all");
-  expect_refused(archive_of_size(INT64_MAX), "entry \"b.conf\": more than 4 MiB in all");
+  expect_refused(archive_of_sizes({kMebibyte, kMebibyte, kMebibyte, kMebibyte, 1}),
+                 "entry \"e.conf\": more than 4 MiB in all");
+  expect_refused(archive_of_sizes({kMebibyte + 1}), "entry \"a.conf\": more than 1 MiB");
+  expect_refused(archive_of_sizes({INT64_MAX}), "entry \"a.conf\": more than 1 MiB");
 }
 
 TEST_F(ConfdirTest, FiveHundredAndTwelveFilesAreAcceptedAndOneMoreIsNot) {

@@ -403,9 +403,49 @@ TEST_F(ServerUpgradeTest, FetchRunsBesideTheLoopAndItsEndStartsTheProgram) {
   fake::job_ends(0);
   fake::run_reads();
   EXPECT_EQ(fake::job_command(), "");
-  EXPECT_THAT(fake::shell_commands(), ElementsAre("cp -fpR /morva/bin/morva_upgrade /tmp",
-                                                  "/tmp/morva_upgrade /tmp/linux.trx&"));
+  EXPECT_THAT(fake::shell_commands(),
+              ElementsAre("cp -fpR /morva/bin/morva_upgrade /tmp/morva_upgrade.d",
+                          "/tmp/morva_upgrade.d/morva_upgrade /tmp/linux.trx&"));
   EXPECT_THAT(fake::log_lines(), IsEmpty());
+}
+
+TEST_F(ServerUpgradeTest, ProgramRunsFromAFolderOfTheAgentsOwn) {
+  fake::set_file("/tmp/morva_upgrade.d/morva_upgrade", "somebody else's");
+  ask_location("http://h/x");
+  fake::job_ends(0);
+  fake::run_reads();
+  EXPECT_THAT(
+      fake::calls_of({"mkdir", "system("}),
+      ElementsAre("mkdir(/tmp/morva_upgrade.d, 700)", "system(rm -rf -- /tmp/morva_upgrade.d)",
+                  "mkdir(/tmp/morva_upgrade.d, 700)",
+                  "system(cp -fpR /morva/bin/morva_upgrade /tmp/morva_upgrade.d)",
+                  "system(/tmp/morva_upgrade.d/morva_upgrade /tmp/linux.trx&)"));
+  EXPECT_FALSE(fake::file("/tmp/morva_upgrade.d/morva_upgrade").has_value());
+}
+
+TEST_F(ServerUpgradeTest, ProgramThatCannotBeStartedLeavesTheStateIdle) {
+  ask_location("http://h/x");
+  fake::fail_os("mkdir", EEXIST);
+  fake::job_ends(0);
+  fake::run_reads();
+  EXPECT_EQ(fake::firmware().state, 0);
+  EXPECT_THAT(fake::log_lines(),
+              ElementsAre("err: firmware not handed on: the upgrade program cannot be started"));
+}
+
+TEST_F(ServerUpgradeTest, ImageFileThatSomebodyMakesMeanwhileIsNotFetchedInto) {
+  fake::fail_os("create", EEXIST);
+  ask_location("http://h/x");
+  EXPECT_EQ(fake::job_command(), "");
+  EXPECT_EQ(fake::firmware().state, 0);
+  EXPECT_THAT(fake::log_lines(), ElementsAre("err: firmware not fetched: File exists"));
+}
+
+TEST_F(FirmwareTest, FolderInTheImagesPlaceIsRemoved) {
+  fake::set_file("/tmp/linux.trx/a/b", "");
+  push({.total = 5, .bytes = "hello"});
+  EXPECT_THAT(sent_messages(), ElementsAre(answer(3, 0)));
+  EXPECT_EQ(image(), "hello");
 }
 
 TEST_F(ServerUpgradeTest, StateIsSetBeforeTheCommandStarts) {
@@ -451,7 +491,7 @@ TEST_F(ServerUpgradeTest, FetchAbandonsAPushedDownloadAndRefusesANewOne) {
   ask_location("http://h/x");
   push({.index = 1, .next = 0, .total = 6, .bytes = "def"});
   EXPECT_THAT(sent_messages(), ElementsAre(answer(-2, 0)));
-  EXPECT_EQ(image(), "(no file)");
+  EXPECT_EQ(image(), "");
   push({.index = 0, .next = 0, .total = 3, .bytes = "abc"});
   EXPECT_THAT(sent_messages(), ElementsAre(answer(-1, 0)));
   EXPECT_THAT(fake::firmware().upgrades, IsEmpty());

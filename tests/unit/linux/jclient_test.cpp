@@ -56,6 +56,15 @@ TEST_F(JclientTest, PayloadThatIsNoJsonIsTheModulesAffair) {
   EXPECT_EQ(R"({"mdl":"mono","cmd":"x","data":rubbish)", module.request());
 }
 
+TEST_F(JclientTest, ModulesOfTheLibraryAreNotReached) {
+  for (const char* module : {"sys", "hal", "ifmgr", "morvad"}) {
+    const FakeModule served(module, "{}");
+    EXPECT_EQ(-1, query((std::string(R"({"mdl":")") + module + R"(","cmd":"c"})").c_str()));
+    expect_untouched();
+    EXPECT_EQ("", served.request());
+  }
+}
+
 TEST_F(JclientTest, NamesThatAreNoModules) {
   for (const char* request :
        {R"({"mdl":"","cmd":"x"})", R"({"mdl":"../../tmp/x","cmd":"x"})", R"({"mdl":"Mono"})",
