@@ -7,6 +7,7 @@
 #include <array>
 #include <map>
 #include <string_view>
+#include <tuple>
 
 #include <fmt/format.h>
 
@@ -24,7 +25,7 @@ enum class Writes {
 };
 
 struct OwnSetting {
-  std::string_view key;
+  std::string_view key;  // '*' in it stands for the name of a port
   Writes writes;
 };
 
@@ -32,18 +33,34 @@ struct OwnSetting {
 constexpr std::array kOwnSettings = {
     // Each second of the countdown, until the restart ends it.
     OwnSetting{"qel_sys_active", Writes::Always},
-    // The factory's: who the switch is. A start without them fills them in.
+    // The factory's: who the switch is and what its ports do. A start without them fills them in.
     OwnSetting{"product_sn", Writes::WhenMissing},
     OwnSetting{"product_hw_ver", Writes::WhenMissing},
     OwnSetting{"product_model", Writes::WhenMissing},
     OwnSetting{"product_description", Writes::WhenMissing},
     OwnSetting{"firmware_ver", Writes::WhenMissing},
     OwnSetting{"have_poe", Writes::WhenMissing},
+    OwnSetting{"iso.*.enable", Writes::WhenMissing},
+    OwnSetting{"eee.*.enable", Writes::WhenMissing},
+    OwnSetting{"llpp.*.enable", Writes::WhenMissing},
+    OwnSetting{"mstp.*.enable", Writes::WhenMissing},
+    OwnSetting{"lldp.*.enable", Writes::WhenMissing},
+    OwnSetting{"poe.*.enable", Writes::WhenMissing},
 };
 
+bool fits(std::string_view key, std::string_view pattern) {
+  const size_t star = pattern.find('*');
+  if (star == std::string_view::npos) {
+    return key == pattern;
+  }
+  return key.size() >= pattern.size() && key.starts_with(pattern.substr(0, star)) &&
+         key.ends_with(pattern.substr(star + 1));
+}
+
 bool switch_writes(std::string_view key, Writes when) {
-  return std::ranges::any_of(
-      kOwnSettings, [&](const OwnSetting& own) { return own.key == key && own.writes == when; });
+  return std::ranges::any_of(kOwnSettings, [&](const OwnSetting& own) {
+    return own.writes == when && fits(key, own.key);
+  });
 }
 
 using Settings = std::map<std::string, std::string, std::less<>>;
@@ -149,7 +166,8 @@ std::vector<Difference> compare_configurations(const std::vector<ArchiveMember>&
                     {name, "", was != nullptr ? DifferenceKind::Changed : DifferenceKind::Extra});
               }
             });
-  std::ranges::stable_sort(differences, {}, &Difference::file);
+  std::ranges::sort(differences, {},
+                    [](const Difference& one) { return std::tie(one.file, one.key); });
   return differences;
 }
 

@@ -25,8 +25,8 @@ struct Difference {
   DifferenceKind kind = DifferenceKind::Changed;
 };
 
-// What of `sent` is not in `found`, or otherwise, and what of `found` was not sent; files in the
-// order of their names. Both as read_archive() gives them.
+// What of `sent` is not in `found`, or otherwise, and what of `found` was not sent, in the order of
+// files and settings by name. Both as read_archive() gives them.
 std::vector<Difference> compare_configurations(const std::vector<ArchiveMember>& sent,
                                                const std::vector<ArchiveMember>& found);
 

@@ -273,7 +273,7 @@ void add_transfer(CLI::App& app, Choice& choice) {
   });
   auto* restore = app.add_subcommand("restore", "Put a saved configuration onto switches");
   restore->footer(
-      "FILE is a gzip'd tar of \".conf\" files. Asks first, unless --yes. It is done when the\n"
+      "FILE is a gzip'd tar of \".conf\" files. Asks first, unless --yes. Done when the\n"
       "switch has restarted and a backup taken then equals FILE.\n\n"
       "Example:\n  qelctl -i eth1 --switch office-sw restore office-sw.tar.gz --wait 120");
   auto source = std::make_shared<std::string>();

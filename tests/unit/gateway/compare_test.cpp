@@ -66,11 +66,15 @@ TEST(Compare, TheCountdownOfARunningSwitchIsNoDifference) {
 TEST(Compare, FactorySettingsCountOnlyWhereTheyWereSent) {
   constexpr const char* kFilledIn =
       "a=1\nproduct_sn=S\nproduct_hw_ver=V1\nproduct_model=M\nproduct_description=d\n"
-      "firmware_ver=V2\nhave_poe=1\n";
+      "firmware_ver=V2\nhave_poe=1\niso.ge1.enable=0\neee.ge1.enable=0\nllpp.ge1.enable=0\n"
+      "mstp.ge1.enable=0\nlldp.ge1.enable=1\npoe.ge1.enable=1\n";
   EXPECT_EQ(told("a=1\n", kFilledIn), "same");
   EXPECT_EQ(told("a=1\nproduct_description=core\n", kFilledIn),
             "nvram.conf: product_description differs");
   EXPECT_EQ(told("a=1\nproduct_sn=S\n", "a=1\n"), "nvram.conf: product_sn is missing");
+  EXPECT_EQ(told("eee.ge1.enable=1\n", "eee.ge1.enable=0\n"), "nvram.conf: eee.ge1.enable differs");
+  EXPECT_EQ(told("a=1\n", "a=1\niso.enable=1\npoe.ge1.priority=2\n"),
+            "nvram.conf: iso.enable was not sent, nvram.conf: poe.ge1.priority was not sent");
 }
 
 TEST(Compare, ASettingsFileThatTheSwitchMadeIsNoDifference) {
