@@ -129,10 +129,9 @@ Files by_name(const std::vector<ArchiveMember>& members) {
 }
 
 std::string difference_text(const Difference& difference) {
-  const std::string what =
-      difference.key.empty()
-          ? terminal_text(difference.file)
-          : fmt::format("{}: {}", terminal_text(difference.file), terminal_text(difference.key));
+  std::string what = difference.key.empty() ? terminal_text(difference.file)
+                                            : fmt::format("{}: {}", terminal_text(difference.file),
+                                                          terminal_text(difference.key));
   switch (difference.kind) {
     case DifferenceKind::Missing:
       return what + " is missing";
