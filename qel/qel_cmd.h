@@ -14,7 +14,7 @@
 // Handles one message. `text` is NUL-terminated; for Ethernet it stands in an area of
 // kTextReadSize + 1 bytes. `lenfield` is the frame header's length field, 0 for UDP. `received` is
 // the number of bytes at `text` that arrived: a chunk lies inside them. A message without chunk may
-// leave it 0. Returns 0 always; what is no message is dropped silently.
+// leave it 0. Returns 0 always; drops a text that is no message silently.
 int qel_cmd_dispatch(qel_link* link, const char* text, uint16_t lenfield, size_t received = 0);
 
 // A handler: the reply address, the parsed root (the dispatcher's; not kept), the message text.

@@ -51,7 +51,7 @@ int32_t next_index(const download_request& request) {
 }
 
 // Ends a download whose last chunk was stored and returns the state of its answer: what was
-// received is unpacked and looked at before the gateway is told that it will be applied.
+// received is unpacked and looked at before the answer says that it will be applied.
 int32_t end_download(uint32_t crc) {
   const bool empty = g_qel_conf.download_length == 0;
   // A mismatch is only logged: an archive that can be unpacked is applied all the same.

@@ -48,7 +48,7 @@ bool is_whole(const qel_text& payload, const char* function, int line) {
 }
 
 // Asks "zebra" to give the management interface another address. `wanted` is plain text; the module
-// refuses what is no address, and the report shows what holds.
+// refuses a text that is no address, and the report shows the address in force.
 void set_address(const char* current, const char* wanted, int32_t mask) {
   static qel_text_area<kBuildSize> area;
   qel_text& payload = area.begin();

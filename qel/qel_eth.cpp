@@ -92,7 +92,7 @@ int qel_eth_open() {
     qel_os_close(fd);
     return 0;
   }
-  // Without it the packet type alone tells of a tag, as it does on newer kernels anyway.
+  // Without it only the packet type shows a tag, as on newer kernels anyway.
   qel_os_setsockopt(fd, SOL_PACKET, PACKET_AUXDATA, 1);
   g_qel_dev.eth_fd = fd;
   register_read(fd);

@@ -137,7 +137,7 @@ int hold_client(int client) {
     error = process_lock_try(lock.get());
   }
   if (error == EWOULDBLOCK && signals_held()) {
-    return -1;  // told to end while it waited: signal_init comes next
+    return -1;  // a signal to end came while it waited: signal_init comes next
   }
   if (error == EWOULDBLOCK) {
     zlog_err("hal: client %d is another process that runs already", client);

@@ -2,9 +2,8 @@
 //
 // Signals between the kernel and the handlers that signal_init() binds. The kernel's side only
 // notes a signal and makes a descriptor readable; handlers are called from ordinary context: by the
-// loop, and, until the loop begins, by every wait of the library. So a daemon that
-// is told to end while it starts ends at once, however long the rest of the switch keeps it
-// waiting.
+// loop, and, until the loop begins, by every wait of the library. So SIGTERM ends a daemon that
+// starts at once, however long the rest of the switch keeps it waiting.
 #ifndef MORVA_LINUX_SIGNALS_H
 #define MORVA_LINUX_SIGNALS_H
 

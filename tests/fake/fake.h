@@ -356,8 +356,8 @@ void remove_file(const std::string& path);
 std::vector<std::string> open_files();
 
 // Other entries than files and files with particulars: a folder (mode 040700), a link (0120777), a
-// FIFO (010600) ... `links` counts its names; `size` other than that of the bytes of set_file is
-// told by lstat only. A folder that holds entries need not be set.
+// FIFO (010600) ... `links` counts its names; only lstat reports a `size` other than that of the
+// bytes of set_file. A folder that holds entries need not be set.
 struct FileEntry {
   uint32_t mode = 0100640;
   uint32_t links = 1;

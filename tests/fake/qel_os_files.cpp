@@ -38,7 +38,7 @@ struct State {
   std::multiset<std::string> open;
   std::map<std::string, Failure> failures;
   std::map<std::string, size_t> cut_writes;        // bytes of the next write, by path
-  std::map<std::string, fake::FileEntry> entries;  // what is no plain file, by path
+  std::map<std::string, fake::FileEntry> entries;  // entries with particulars, by path
   std::function<void()> step_hook;
 };
 

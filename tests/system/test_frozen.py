@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """Processes that are stopped or stuck: a restart of the switch ends them, a successor takes their
-place, a service manager is told of them; and a start that hangs ends when it is told to."""
+place, a service manager gets no sign of life from them; and a start that hangs ends at SIGTERM."""
 
 import array
 import json

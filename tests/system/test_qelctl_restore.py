@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """What qelctl calls a restore: the switch restarted, and a backup taken then equals what was sent. A
-switch that says "complete" and does something else is told apart, by the real one and by doubles."""
+switch that says "complete" and does something else fails the restore: the real one, and doubles."""
 
 import contextlib
 import io
