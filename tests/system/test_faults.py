@@ -278,7 +278,7 @@ def healthy(lab, folder):
 def full(lab, folder):
     """The folder lies on a disk that has no room left."""
     lab.switch("sh", "-c", MOUNT.format(folder, "64k"))
-    lab.switch("sh", "-c", f"cat /dev/zero >{folder}/ballast 2>/dev/null; :")
+    lab.switch("sh", "-c", f"cat /dev/zero >{folder}/.ballast 2>/dev/null; :")
     yield
     lab.switch("umount", "-l", folder)
 
@@ -359,8 +359,8 @@ def pull_image(lab):
     assert "/tmp/linux.trx" not in lab.log("qel")
     lab.gateway.command("set", "hfs_upgrade", {"upgrade_serverinfo": location})
     count = len(lab.gateway.until_probe())
-    # In what the fetching program says:
-    wait_until(lambda: "/tmp/linux.trx" in lab.log("qel"), "the fetch")
+    ended = lambda: content(lab, "/tmp/linux.trx") == IMAGE or "firmware not fetched: " in lab.log("syslog")
+    wait_until(ended, "the end of the fetch")
     fetched = content(lab, "/tmp/linux.trx")
     if fetched:
         wait_until(lambda: upgraded(lab) and state() == 0, "the image in its place")
@@ -420,7 +420,7 @@ WRITES = {
     # A file that cannot be opened swallows its chunks; one that cannot grow says so.
     "configuration from the gateway": ("/var/conf", push_config, (2, 64), (0, 0), (2, 0)),
     "firmware image pushed": ("/tmp", push_image, (3, True), (-2, False), (-2, False)),
-    "firmware image fetched": ("/tmp", pull_image, (1, IMAGE, True, 0), (1, "", False, 2), (1, "", False, 2)),
+    "firmware image fetched": ("/tmp", pull_image, (1, IMAGE, True, 0), (1, "", False, 0), (1, "", False, 0)),
     "shell's configuration": (
         "/var/conf", save_by_vty, ("Configuration saved", "qel enable\n!\n"), (NOT_SAVED, ""), (NOT_SAVED, "")),
     "name": ("/var/conf", set_name, True, False, False),
