@@ -265,7 +265,6 @@ QUERIES = [
     "sys mac_get",
     "sys oem_get",
     "hal qel_enable",
-    "hal qel_enable",
 ]
 
 
