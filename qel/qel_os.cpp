@@ -247,6 +247,13 @@ int qel_os_system(const char* command) {
 }
 
 int qel_os_job_start(const char* command, qel_os_job* job) {
+  // The shell becomes the command, so that what ends the shell ends it.
+  char line[320];
+  const int length = std::snprintf(line, sizeof line, "exec %s", command);
+  if (length < 0 || static_cast<size_t>(length) >= sizeof line) {
+    errno = E2BIG;
+    return -1;
+  }
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
     return -1;
@@ -259,7 +266,7 @@ int qel_os_job_start(const char* command, qel_os_job* job) {
     const int null = open("/dev/null", O_RDONLY);
     dup2(null, STDIN_FILENO);
     fcntl(ends[1], F_SETFD, 0);
-    execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
+    execl("/bin/sh", "sh", "-c", line, static_cast<char*>(nullptr));
     _exit(127);
   }
   close(ends[1]);

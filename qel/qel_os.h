@@ -104,7 +104,8 @@ struct qel_os_job {
   int end;  // descriptor that becomes readable, at its end, when the command has ended
 };
 
-// Starts `command` by the shell, with nothing to read on its standard input. Returns 0, or -1 with
+// Starts the one command `command`, at most 300 bytes, by the shell, with nothing to read on its
+// standard input. It ends with the process that started it. Returns 0, or -1 with
 // errno set (then nothing runs and `job` is as it was). The caller ends the job by qel_os_job_end.
 int qel_os_job_start(const char* command, qel_os_job* job);
 

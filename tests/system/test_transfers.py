@@ -326,6 +326,18 @@ def test_image_that_was_not_fetched_well_is_not_handed_on(make_lab):
     assert "idle" in lab.morvactl("fw", "show").stdout
 
 
+def test_upgrades_that_overlap_keep_one_image_whole(make_lab):
+    lab = make_lab()
+    images = {name: image_of(size) for name, size in (("a", 3_000_000), ("b", 500_000))}
+    for name, image in images.items():
+        (lab.dir / f"conf/{name}.conf").write_bytes(image)
+    lab.switch("sh", "-c", "for n in a b a b; do /morva/bin/morva_upgrade /var/conf/$n.conf & done; wait")
+    kept = lab.switch("sh", "-c", "cd /var/lib/morva/firmware && sha256sum <linux.trx && cat linux.trx.info")
+    digest, _, info = kept.stdout.partition("  -\n")
+    assert digest in [hashlib.sha256(image).hexdigest() for image in images.values()]
+    assert f"sha256={digest}\n" in info
+
+
 def test_image_that_another_process_left_is_not_handed_on(make_lab):
     lab = make_lab()
     lab.switch("sh", "-c", "echo half an image >/tmp/linux.trx")
