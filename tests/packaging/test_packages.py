@@ -29,7 +29,7 @@ class Service:
 
     def start(self):
         for line in self.unit.get("ExecStartPre", []):
-            self.root.run(*line.removeprefix("+").split())
+            self.root.run(*line.lstrip("-+").split())
         kept = [
             "+" + name.removeprefix("CAP_").lower()
             for name in unitfile.words(self.unit, "CapabilityBoundingSet")

@@ -14,6 +14,7 @@ import pytest
 from labkit import Lab
 from qelctl_user import DESK, Qelctl, quiet_board
 from test_qelctl_faults import STRANGER, Impostor, beside
+from test_transfers import put_program
 
 GHOST = f"ghost ({STRANGER}): restore: "
 DESK_SW = f"desk-sw ({DESK}): restore: "
@@ -127,7 +128,12 @@ def test_a_switch_that_does_not_come_back_is_no_answer(make_lab, tmp_path):
 
 def test_a_backup_that_no_switch_would_take_is_kept_and_said_to_be(make_lab, tmp_path):
     lab = make_lab("--board", quiet_board(tmp_path))
-    (lab.dir / "conf/with blank.conf").write_bytes(b"x\n")
+    # The switch packs with a tar that adds a file.
+    put_program(
+        lab, "tar",
+        "#!/bin/sh\nmkdir /run/odd && cp *.conf /run/odd && echo x >'/run/odd/with blank.conf' && "
+        "cd /run/odd && exec /usr/bin/tar -zcf /var/conf/getconf.tar.gz -- *.conf\n",
+    )
     result = Qelctl(lab, switch=DESK)("backup", tmp_path / "desk.tar.gz")
     assert result.stdout.endswith(
         '; it could not be restored: not a configuration archive: "with blank.conf" is no name for it; '

@@ -9,6 +9,7 @@ import tarfile
 import zlib
 
 import pytest
+from gateway import message
 from labkit import Lab, wait_until
 from qelctl_user import DESK, Qelctl, quiet_board
 
@@ -106,7 +107,8 @@ def test_a_restore_is_not_appended_to_one_that_was_left_open(qelctl, tmp_path):
     qelctl("name", "changed")
     # Another gateway begins a download and goes away.
     left_open = {"index": 0, "next": 1, "file": "x", "total_length": 60000, "crc": 0, "length": 4}
-    qelctl.lab.gateway.command("update", "config_download", left_open)
+    text = message("update", "config_download", left_open)
+    qelctl.lab.gateway.send(text + b"\0abcd", length=len(text) + 17)
     assert qelctl.lab.gateway.receive().json["data"]["state"] == 2
     qelctl.lab.morvactl("counters", "ge1", "tx_bytes=1000")
     qelctl("--yes", "restore", file, "--wait", "20", timeout=90)
