@@ -4,11 +4,13 @@
 #include "platform/sys.h"
 
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 
 #include "platform/linux/json.h"
 #include "platform/linux/morva_call.h"
+#include "platform/log.h"
 
 namespace {
 
@@ -82,12 +84,17 @@ int sys_info_set(const sys_info* info) {
 }
 
 int sys_reboot(void) {
+  constexpr char kOrder[] = "{\"mdl\":\"sys\",\"cmd\":\"reboot\"}";
+  constexpr int kMoment = 50;  // milliseconds
   if (morva_tell("sys", "reboot", nullptr) == 0) {
     return 0;
   }
-  // A morvad that does not answer in time obeys when it goes on: what can be handed over is an
-  // order.
-  return morva_call("sys", "{\"mdl\":\"sys\",\"cmd\":\"reboot\"}", nullptr, 0, 0) >= 0 ? 0 : -1;
+  char reply[256];
+  if (morva_call("sys", kOrder, reply, sizeof reply, kMoment) > 0) {
+    return -1;  // it answers, and refuses
+  }
+  // A morvad that is late obeys when it goes on: what can be handed over is an order.
+  return morva_call("sys", kOrder, nullptr, 0, 0) >= 0 ? 0 : -1;
 }
 
 int sys_restore_default(void) {

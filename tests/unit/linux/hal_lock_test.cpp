@@ -45,8 +45,13 @@ class HalLockTest : public RootTest {
     const pid_t pid = fork();
     if (pid == 0) {
       const char result = hal_init(client) == 0 ? 'y' : 'n';
+      // Blocked until the wait, so that a signal which comes before it is not lost.
+      sigset_t all;
+      sigset_t before;
+      sigfillset(&all);
+      sigprocmask(SIG_SETMASK, &all, &before);
       if (write(ready[1], &result, 1) == 1) {
-        pause();
+        sigsuspend(&before);
       }
       _exit(9);
     }
@@ -90,7 +95,7 @@ TEST_F(HalLockDeathTest, SecondProcessSaysSoAndEndsWithStatusOne) {
   kill_and_wait(first);
 }
 
-// The holder's way to end by SIGTERM: it leaves pause() and so ends with status 9.
+// The holder's way to end by SIGTERM: it leaves sigsuspend() and so ends with status 9.
 TEST_F(HalLockTest, StoppedProcessIsEndedAndMakesRoom) {
   const pid_t first = holder(61);
   int status = 0;
