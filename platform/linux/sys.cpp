@@ -91,7 +91,9 @@ int sys_reboot(void) {
   }
   char reply[256];
   if (morva_call("sys", kOrder, reply, sizeof reply, kMoment) > 0) {
-    return -1;  // it answers, and refuses
+    const JsonTree answer(cJSON_Parse(reply));
+    int64_t ret = -1;
+    return json_int(answer.get(), "ret", INT32_MIN, INT32_MAX, &ret) && ret == 0 ? 0 : -1;
   }
   // A morvad that is late obeys when it goes on: what can be handed over is an order.
   return morva_call("sys", kOrder, nullptr, 0, 0) >= 0 ? 0 : -1;
