@@ -19,7 +19,7 @@ HERE = pathlib.Path(__file__).parent
 HOLDER = HERE / "stuck_holder.py"
 START_AND_END = HERE / "start_and_end.py"
 
-# A query that hangs holds a start for this long; a process that ends because it was told to is gone
+# A query that hangs holds a start for this long; a process that SIGTERM ends is gone
 # long before that, on a busy machine too.
 HANG_MS = 30000
 PROMPT = 15.0
@@ -233,7 +233,7 @@ def test_both_daemons_feed_the_watchdog_while_their_loops_turn():
         while any(len(texts) < 3 for texts in heard.values()):
             text, sender = manager.receive()
             heard[sender].append(text)
-        # The socket was not there when they started, so that is told first.
+        # The socket was not there when they started, so they log that first.
         assert heard["qel"][:3] == heard["morvad"][:3] == ["READY=1", "WATCHDOG=1", "WATCHDOG=1"]
         for stopped, other in (("qel", "morvad"), ("morvad", "qel")):
             pid = lab.pid(stopped)
@@ -313,7 +313,7 @@ def test_start_that_hangs_ends_by_each_signal_of_the_table(bare, place, number):
 
 
 def test_start_while_the_platform_ends_or_hangs_ends_when_told(make_lab):
-    """The agent is told to end at a moment of its start that moves on from one start to the next."""
+    """The agent gets SIGTERM at a moment of its start that moves on from one start to the next."""
     settings = {"MORVA_START_WAIT_MS": str(HANG_MS), "MORVA_QUERY_DEADLINE_MS": str(HANG_MS)}
     lab = make_lab(environment=settings | {"LAB_RESPAWN": "1"})
     for attempt in range(12):
@@ -322,7 +322,7 @@ def test_start_while_the_platform_ends_or_hangs_ends_when_told(make_lab):
         lab.run("kill", "-STOP" if attempt % 2 else "-TERM", str(platform))
         lab.run("kill", "-KILL", str(before))
         pid = wait_until(lambda: lab.pid("qel") not in (None, before) and lab.pid("qel"), "a start")
-        wait_until(lambda: catches(lab, pid), "a start that can be told to end")
+        wait_until(lambda: catches(lab, pid), "a start that catches SIGTERM")
         spin(attempt * 0.01)
         log = len(lab.log("qel"))
         start = time.monotonic()

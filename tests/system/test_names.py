@@ -216,7 +216,7 @@ def test_name_of_a_module_leads_to_no_socket_outside_the_folder(lab, module):
         lab.switch("kill", pid)
 
 
-# ---- restart of what is no port ------------------------------------------------------------------
+# ---- restart of an interface that is not a port ---------------------------------------------------
 
 
 def test_restart_of_an_interface_without_a_record_is_skipped(lab):

@@ -103,7 +103,7 @@ TEST_F(NotifyTest, AbstractNameIsFedToo) {
   kill_and_wait(pid);
 }
 
-// What the variables mean, told by the status of a child that read them.
+// What the variables mean; the result is the status of a child that read them.
 int64_t watchdog_of(const char* interval, const char* pid, const char* name = "/nobody") {
   int result[2];
   EXPECT_EQ(0, pipe(result));

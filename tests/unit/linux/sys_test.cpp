@@ -195,7 +195,7 @@ TEST_F(SysTest, HardwareThatIsNotThere) {
   run_loop([] { EXPECT_EQ(-1, hal_qel_enable(1)); });
 }
 
-// A module "hal" that notes what it is told.
+// A module "hal" that notes each request.
 class GateModule {
  public:
   std::vector<std::string> told;
